@@ -1,0 +1,18 @@
+// The byte forms of XML files that the XML class converts with its own loops: UTF-8 and UTF-16.
+// Everything else goes through the platform's code-page service.
+#pragma once
+
+#include <string>
+
+#include "foundation/WString.h"
+
+// True when the bytes are well-formed UTF-8 (no overlong forms, surrogates or values above
+// U+10FFFF).
+bool XmlIsValidUtf8(const char* data, size_t length);
+
+// UTF-8 to UTF-16; each byte that does not belong to a valid sequence becomes U+FFFD. Returns
+// false when the text ends inside a sequence.
+bool XmlUtf8ToWide(const char* data, size_t length, WString& out);
+
+// UTF-16 to UTF-8; a lone surrogate becomes U+FFFD. Returns false when that happened.
+bool XmlWideToUtf8(WStringView text, std::string& out);

@@ -1,0 +1,114 @@
+#include "module/CUpdateExtensionModule.h"
+
+#include <cstring>
+
+#include "foundation/CDebug.h"
+#include "module/IModuleHost.h"
+#include "platform/Environment.h"
+
+const char16_t* g_moduleTraceName = u"EM_?????";
+
+namespace {
+const char16_t kSeparator[] = u"\n==========================================================================";
+}
+
+CUpdateExtensionModule::CUpdateExtensionModule() {
+  TRACE(5, u"\nEM_MENDER           : CLASS CREATED!");
+}
+
+CUpdateExtensionModule::~CUpdateExtensionModule() noexcept(false) {
+  TRACE(5, u"\nEM_MENDER           : CLASS DESTROYED!");
+}
+
+int CUpdateExtensionModule::GetProperties(ModuleProperties* properties) {
+  if (!properties || properties->size < kModulePropertiesMinSize) return 0;
+  properties->flags08 |= 3;
+  properties->flags18 |= 3;
+  properties->value20 = 100;
+  properties->value30 = 1;
+  auto put = [](char16_t* field, const char16_t* text) {
+    size_t n = WLength(text);
+    if (n > 99) n = 99;
+    std::memcpy(field, text, n * sizeof(char16_t));
+    field[n] = 0;
+    field[99] = 0;
+  };
+  put(properties->name, GetModuleName());
+  put(properties->description, u"Update filter module");
+  return 1;
+}
+
+int CUpdateExtensionModule::DetectHardware() {
+  // Systems that this module does not serve announce themselves through QV_SYSTEM.
+  WString system;
+  platform::GetEnv(u"QV_SYSTEM", system);
+  if (system == u"oraclelinux" || system == u"xenserver" || system == u"ovmserver") return 0;
+  return 1;
+}
+
+int CUpdateExtensionModule::GetCabinetNumber(uint32_t* number) {
+  if (ServerCabinetSet()) {
+    if (number) *number = ServerCabinetNumber();
+    return 1;
+  }
+  if (number) *number = 0;
+  return 0;
+}
+
+int CUpdateExtensionModule::StartModule(IModuleHost* host, uint32_t identifier) {
+  TRACE(1, u"%s\n### Starting module %s ###\n", kSeparator, g_moduleTraceName);
+  CExtensionModule::StartModule(host, identifier);
+  // The components (paths and logs, settings, check, scheduler, jobs) are created here in that
+  // order as they join the module; until then their pointers stay null and their opcodes are
+  // answered as unknown ones.
+  StartSerialization();
+  TRACE(1, u"\n\n### Start of module %s completed successfully ###%s", g_moduleTraceName, kSeparator);
+  return 1;
+}
+
+void CUpdateExtensionModule::OnSwitchStarted() {
+  TRACE(1, u"\n### OnSwitchStarted module %s ###\n", g_moduleTraceName);
+  int ret = 0;
+  if (m_host) m_host->ModuleStarted(this, 0);
+  uint32_t cabinet = 0;
+  int cabOk = GetCabinetNumber(&cabinet);
+  TRACE(1, u"\n\n### OnSwitchStarted of module %s completed, ret=%d, checkReady=%d ###", g_moduleTraceName, ret,
+        static_cast<int>(checkReady));
+  TRACE(1, u"\n serverCabId=%d, myCabId=%d,cabok=%d\n", static_cast<int>(ServerCabinetNumber()),
+        static_cast<int>(cabinet), cabOk);
+  TRACE(1, u"%s", kSeparator);
+}
+
+int CUpdateExtensionModule::StopModule() {
+  TRACE(1, u"%s\n### Stopping module %s ###\n", kSeparator, g_moduleTraceName);
+  TerminateSerialization();
+  if (m_host) m_host->ModuleStopping(this);
+  TRACE(2, u"\n### Send update stop event to module %s ###\n", g_moduleTraceName);
+  // The fixed teardown order (check, scheduler, paths and logs, settings, jobs) applies to the
+  // components as they join the module; none exists in this build.
+  TRACE(1, u"\n\n### Stop of module %s completed successfully ###%s", g_moduleTraceName, kSeparator);
+  return 1;
+}
+
+uint32_t CUpdateExtensionModule::GetSwitchShutDownFlag() {
+  uint32_t flag = m_bSwitchShutdown.load();
+  TRACE(1, u"\nCUpdateExtensionModule::GetSwitchShutDownFlag()\t: m_bSwitchShutdown=%d", static_cast<int>(flag));
+  return flag;
+}
+
+DiffComponentInfo* CUpdateExtensionModule::getDiffComponentInfo(WString /*componentPath*/) {
+  // No check component in this build: no component information is known.
+  return nullptr;
+}
+
+int CUpdateExtensionModule::getMailAlertEnabledFlag() {
+  // 0 while no settings component exists.
+  return 0;
+}
+
+void CUpdateExtensionModule::OnTaskExecution(RequestMessage* message, uint32_t /*level*/) {
+  if (!g_Debug.IsActive()) return;
+  TRACE(3, u"\nEM_MENDER (OnTaskX) : START, opcode=%d\n",
+        static_cast<int>(message ? GetCommandValue(*message, message->commandIndex, kKeyOC, 0) : 0));
+  TRACE(3, u"\nEM_MENDER (OnTaskX) : END\n");
+}

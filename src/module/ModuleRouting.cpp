@@ -1,0 +1,118 @@
+// Routing of the host's requests and replies, and the module's own traffic towards the host.
+#include "foundation/CDebug.h"
+#include "module/CUpdateExtensionModule.h"
+#include "module/IModuleHost.h"
+#include "module/Opcodes.h"
+
+namespace {
+
+int TraceInt(uint32_t v) { return static_cast<int>(v); }
+
+}  // namespace
+
+void CUpdateExtensionModule::TraceReturn(RequestMessage& message) {
+  const int32_t i = message.commandIndex;
+  TRACE(5, u"\nEM_MENDER (RETURN)  : CABID %04d: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%X Len %d",
+        TraceInt(GetCommandValue(message, i, kKeyCA, 0)), GetCommandValue(message, i, kKeyOC, 0),
+        GetCommandValue(message, i, kKeyOE, 0), GetCommandValue(message, i, kKeyOI, 0),
+        GetCommandValue(message, i, kKeyMI, 0) >> 16, GetCommandValue(message, i, kKeyMI, 0) & 0xFFFF,
+        GetCommandValue(message, i, kKeyST, ST_ABSENT), static_cast<int>(GetDataLength(message, i)));
+}
+
+int CUpdateExtensionModule::ApplicationRequest(RequestMessage* message) {
+  RequestMessage& m = *message;
+  const int32_t i = m.commandIndex;
+  TRACE(4, u"\nEM_MENDER (REQUEST) : CABID %04d: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%X",
+        TraceInt(GetCommandValue(m, i, kKeyCA, 0)), GetCommandValue(m, i, kKeyOC, 0), GetCommandValue(m, i, kKeyOE, 0),
+        GetCommandValue(m, i, kKeyOI, 0), GetCommandValue(m, i, kKeyMI, 0) >> 16,
+        GetCommandValue(m, i, kKeyMI, 0) & 0xFFFF, GetCommandValue(m, i, kKeyST, ST_ABSENT));
+
+  // A command addressed to another cabinet is not ours; one without "CA" is.
+  if (HasCommandKey(m, i, kKeyCA) && GetCommandValue(m, i, kKeyCA, 0) != ServerCabinetNumber()) {
+    TRACE(2, u"\nEM_MENDER (REQUEST) :  : -> Illegal cabinet number - request denied!");
+    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_ILLEGAL_CABINET, false);
+    TraceReturn(m);
+    return 0;
+  }
+
+  const uint32_t oc = GetCommandValue(m, i, kKeyOC, 0);
+  int result = 0;
+  if (oc == CM_UmSetRepositoryAccessqLTX) {
+    // The settings component answers this one; without it the opcode is unknown here. Its path
+    // has no return trace.
+    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
+    return 0;
+  }
+  if (oc >= CM_UmJobFirst && oc <= CM_UmJobLast) {
+    // Job and history requests go to the job component, which this build does not have yet.
+    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
+    result = 0;
+  } else if (oc == CM_UmServerStartCheck) {
+    TRACE(2, u"\nEM_MENDER (REQUEST) :  call umScheduler.setEvent for starting once immediately createData()");
+    // The check runs on the scheduler's thread; the reply does not wait for it.
+    MessageValue& command = GetCurrentCommand(m);
+    if (command.IsObject()) SetCommandValue(m, command, kKeyST, ST_OK, false);
+    result = 1;
+  } else if (oc >= CM_UmFamilyFirst && oc <= CM_UmFamilyLast) {
+    // The check component's opcodes; without it they are unknown here.
+    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
+    result = 0;
+  } else if (oc == CM_ReadConfigurationSpace || oc == CM_WriteConfigurationSpace) {
+    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
+    result = 0;
+  } else {
+    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
+    result = 0;
+  }
+  TraceReturn(m);
+  return result;
+}
+
+void CUpdateExtensionModule::ApplicationReply(RequestMessage* message) {
+  try {
+    RequestMessage& m = *message;
+    const int32_t i = m.commandIndex;
+    TRACE(3, u"\nEM_MENDER (REPLY)    : START \n");
+    TRACE(3, u"\nEM_MENDER (REPLY)    : CABID %04d: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Len %d\n",
+          TraceInt(GetCommandValue(m, i, kKeyCA, 0)), GetCommandValue(m, i, kKeyOC, 0),
+          GetCommandValue(m, i, kKeyOE, 0), GetCommandValue(m, i, kKeyOI, 0), GetCommandValue(m, i, kKeyMI, 0) >> 16,
+          GetCommandValue(m, i, kKeyMI, 0) & 0xFFFF, GetCommandValue(m, i, kKeyST, ST_ABSENT),
+          static_cast<int>(GetDataLength(m, i)));
+    const uint32_t oc = GetCommandValue(m, i, kKeyOC, 0);
+    if (oc == CM_VInfoScanTime) {
+      TRACE(3, u"\nEM_MENDER (REPLY)    : CM_VInfoScanTime catched\n");
+      return;
+    }
+    if (oc != CM_VInfoScanState) {
+      TRACE(3, u"EM_MENDER (REPLY)    : not interested in this event\n");
+      return;
+    }
+    TRACE(2, u"\nEM_MENDER (REPLY)    : CM_VInfoScanState catched\n");
+    if (GetDataLength(m, i) <= 0) return;
+    uint32_t value = 0;
+    GetDataValue(m, i, value);
+    const uint32_t scanState = value & 0xFF;
+    TRACE(3, u"EM_MENDER (REPLY)    : ScanState=%d: \n", static_cast<int>(scanState));
+    // Only a changed inventory (states 2 and 3) concerns the check, and only once it exists.
+    if (!m_scheduler || !m_check || (scanState != 2 && scanState != 3)) return;
+    TRACE(3, u"EM_MENDER (REPLY)    : END \n");
+  } EM_CATCH_THREAD_CANCEL catch (...) {
+    TRACE(1, u"EM_MENDER (REPLY)    : ERROR! Exception in ApplicationReply()\n");
+  }
+}
+
+void CUpdateExtensionModule::SendEvent(RequestMessage* message) {
+  RequestMessage& m = *message;
+  const uint32_t kept = GetCommandValue(m, m.commandIndex, kKeyST, ST_ABSENT);
+  SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_PARKED, false);
+  if (m_host) m_host->PostEvent(this, message);
+  SetCommandValue(m, GetCurrentCommand(m), kKeyST, kept, false);
+}
+
+void CUpdateExtensionModule::SendHostRequest(RequestMessage* message) {
+  if (m_host) {
+    m_host->SendRequest(this, message, kHostRequestTimeoutMs);
+  } else {
+    SetCommandValue(*message, GetCurrentCommand(*message), kKeyST, ST_FAILED, false);
+  }
+}

@@ -1,0 +1,32 @@
+// A mutex shared between processes by name. On POSIX it is an in-process lock plus flock on a lock
+// file in the temporary directory, so that threads and processes exclude each other alike.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "foundation/WString.h"
+
+namespace platform {
+
+class NativeNamedMutex {
+ public:
+  NativeNamedMutex();
+  ~NativeNamedMutex();
+  NativeNamedMutex(const NativeNamedMutex&) = delete;
+  NativeNamedMutex& operator=(const NativeNamedMutex&) = delete;
+
+  bool Create(WStringView name);
+  bool Valid() const;
+  // Waits up to `realMs` real milliseconds; true when the calling thread now holds the mutex.
+  bool Acquire(uint32_t realMs);
+  void Release();
+  bool HeldByCurrentThread() const;
+  void Close();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace platform

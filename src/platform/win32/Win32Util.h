@@ -1,0 +1,13 @@
+// Helpers shared by the Win32 implementations.
+#pragma once
+
+#include <windows.h>
+
+#include "foundation/WString.h"
+
+namespace platform {
+
+inline const wchar_t* W32(const WString& s) { return reinterpret_cast<const wchar_t*>(s.c_str()); }
+inline const char16_t* U16(const wchar_t* s) { return reinterpret_cast<const char16_t*>(s); }
+
+}  // namespace platform
