@@ -59,6 +59,7 @@ class XmlDocument {
 
   // Walking. findElement(nullptr) takes the next sibling whatever its name.
   bool findElement(const char16_t* name = nullptr);
+  void resetPosition();  // before the first top-level element
   bool intoElement();
   bool outOfElement();
   WString getData() const;

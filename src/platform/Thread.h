@@ -7,17 +7,19 @@
 
 #include "platform/Clock.h"
 
-// Thread entries catch everything, except the unwinding by which a killed POSIX thread ends: it
-// must pass on. Use as: try { ... } EM_CATCH_THREAD_CANCEL catch (...) { ... }
-#if !defined(_WIN32)
-#include <cxxabi.h>
+// Thread entries catch everything, except the unwinding by which a killed thread ends: it must
+// pass on. Use as: try { ... } EM_CATCH_THREAD_CANCEL catch (...) { ... }
 #define EM_CATCH_THREAD_CANCEL \
-  catch (abi::__forced_unwind&) { throw; }
-#else
-#define EM_CATCH_THREAD_CANCEL
-#endif
+  catch (platform::ThreadKilled&) { throw; }
 
 namespace platform {
+
+// Thrown inside a thread that was ended by force, at its next wait or sleep (POSIX has no safe
+// way to stop a thread from outside, so a killed thread ends at its next wait of the clock
+// service); it unwinds the thread's stack to its entry.
+struct ThreadKilled {};
+// Throws ThreadKilled when the calling thread has been ended by force.
+void ThrowIfKilled();
 
 using ThreadEntry = unsigned (*)(void* argument);
 
@@ -36,7 +38,7 @@ class NativeThread : public Waitable {
   // thread or it has ended. `queryFailed` is set when the state could not be asked.
   bool IsActive(bool* queryFailed = nullptr);
   bool WaitRealMicros(uint64_t micros) override;
-  // Ends the thread by force. On POSIX a thread is cancelled at its next wait or sleep.
+  // Ends the thread by force. On POSIX the thread ends at its next wait or sleep.
   bool Terminate(uint32_t exitCode);
   // Releases the handle; a thread still running goes on on its own.
   void Close();

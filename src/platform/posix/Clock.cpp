@@ -4,6 +4,8 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include "platform/Thread.h"
+
 namespace platform {
 
 uint64_t MonotonicMicros() {
@@ -22,8 +24,16 @@ int32_t LocalOffsetSeconds() {
 }
 
 void SleepRealMicros(uint64_t micros) {
-  timespec ts{static_cast<time_t>(micros / 1000000u), static_cast<long>((micros % 1000000u) * 1000u)};
-  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+  // In slices, so that a thread ended by force leaves its sleep within one slice.
+  constexpr uint64_t kSlice = 50000;
+  for (;;) {
+    ThrowIfKilled();
+    uint64_t step = micros < kSlice ? micros : kSlice;
+    timespec ts{static_cast<time_t>(step / 1000000u), static_cast<long>((step % 1000000u) * 1000u)};
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+    micros -= step;
+    if (micros == 0) break;
   }
 }
 

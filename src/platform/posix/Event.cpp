@@ -4,6 +4,8 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "platform/Thread.h"
+
 namespace platform {
 
 struct NativeEvent::Impl {
@@ -38,12 +40,24 @@ bool NativeEvent::IsSet() {
 }
 
 bool NativeEvent::WaitRealMicros(uint64_t micros) {
+  // Waits in slices, so that a thread ended by force leaves its wait within one slice.
+  constexpr uint64_t kSlice = 50000;
+  const auto deadline = micros == kInfiniteMicros ? std::chrono::steady_clock::time_point::max()
+                                                  : std::chrono::steady_clock::now() + std::chrono::microseconds(micros);
   std::unique_lock<std::mutex> lock(m_impl->mutex);
-  if (micros == kInfiniteMicros) {
-    m_impl->cond.wait(lock, [this] { return m_impl->signalled; });
-    return true;
+  for (;;) {
+    if (m_impl->signalled) return true;
+    auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return false;
+    auto slice = std::chrono::microseconds(kSlice);
+    auto until = deadline - now < slice ? deadline : now + slice;
+    m_impl->cond.wait_until(lock, until);
+    if (!m_impl->signalled) {
+      lock.unlock();
+      ThrowIfKilled();
+      lock.lock();
+    }
   }
-  return m_impl->cond.wait_for(lock, std::chrono::microseconds(micros), [this] { return m_impl->signalled; });
 }
 
 }  // namespace platform

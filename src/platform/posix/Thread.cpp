@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cxxabi.h>
 #include <mutex>
 
 #include "platform/Event.h"
@@ -25,7 +24,16 @@ struct ThreadState {
   bool released = false;
   NativeEvent done;
   std::atomic<uint32_t> tid{0};
+  std::atomic<bool> killed{false};
 };
+
+namespace {
+thread_local ThreadState* t_self = nullptr;
+}
+
+void ThrowIfKilled() {
+  if (t_self && t_self->killed.load(std::memory_order_relaxed)) throw ThreadKilled{};
+}
 
 struct NativeThread::Impl {
   std::shared_ptr<ThreadState> state;
@@ -34,8 +42,6 @@ struct NativeThread::Impl {
 };
 
 namespace {
-
-void MarkDone(void* p) { static_cast<ThreadState*>(p)->done.Set(); }
 
 void* Trampoline(void* p) {
   auto* holder = static_cast<std::shared_ptr<ThreadState>*>(p);
@@ -46,10 +52,14 @@ void* Trampoline(void* p) {
     std::unique_lock<std::mutex> lock(state->gateMutex);
     state->gate.wait(lock, [&] { return state->released; });
   }
-  // A forced end unwinds the stack; the clean-up handler still marks the thread as ended.
-  pthread_cleanup_push(MarkDone, state.get());
-  state->entry(state->argument);
-  pthread_cleanup_pop(1);
+  t_self = state.get();
+  try {
+    if (!state->killed) state->entry(state->argument);
+  } catch (ThreadKilled&) {
+    // ended by force: the stack has been unwound up to here
+  }
+  t_self = nullptr;
+  state->done.Set();
   return nullptr;
 }
 
@@ -110,12 +120,8 @@ bool NativeThread::WaitRealMicros(uint64_t micros) {
 
 bool NativeThread::Terminate(uint32_t /*exitCode*/) {
   if (!m_impl->joinable) return true;
-  Resume();  // a suspended thread must reach a cancellation point
-  int rc = pthread_cancel(m_impl->thread);
-  if (rc != 0 && rc != ESRCH) {
-    m_lastError = static_cast<uint32_t>(rc);
-    return false;
-  }
+  m_impl->state->killed = true;
+  Resume();  // a suspended thread must run to end
   return true;
 }
 

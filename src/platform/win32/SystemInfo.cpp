@@ -1,11 +1,11 @@
 #include "platform/SystemInfo.h"
 
-#include <psapi.h>
-
 #include <vector>
 
 #include "platform/Registry.h"
 #include "platform/win32/Win32Util.h"
+// psapi.h needs the types of windows.h first.
+#include <psapi.h>
 
 namespace platform {
 

@@ -74,6 +74,9 @@ void NativeThread::Close() {
 
 uint32_t NativeThread::Id() const { return m_impl->id; }
 
+// Windows ends threads by force with the system's own call; nothing is thrown here.
+void ThrowIfKilled() {}
+
 uint32_t CurrentThreadId() { return GetCurrentThreadId(); }
 void YieldThread() { Sleep(0); }
 uint32_t GetLastErrorCode() { return GetLastError(); }

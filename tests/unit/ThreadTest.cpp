@@ -1,0 +1,160 @@
+// Thread wrappers and the task serializer.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "foundation/CCriticalSection.h"
+#include "foundation/CEvent.h"
+#include "foundation/CThread.h"
+#include "module/CTaskSerializer.h"
+#include "platform/Clock.h"
+
+namespace {
+
+unsigned WaitOnEvent(void* arg) {
+  static_cast<CEvent*>(arg)->Wait(platform::kInfinite);
+  return 0;
+}
+
+unsigned Quick(void*) { return 0; }
+
+}  // namespace
+
+TEST(CThread, WaitKillAndName) {
+  CThread none;
+  EXPECT_TRUE(none.WaitForThread(0));  // no handle: nothing to wait for
+  EXPECT_EQ(none.KillThread(0), 1);
+
+  CThread quick;
+  ASSERT_EQ(quick.CreateThreadObject(Quick, nullptr, 0, false, 0), 1);
+  EXPECT_TRUE(quick.WaitForThread(5000));
+  EXPECT_TRUE(quick.WaitForThread(0));  // ended: true at once
+
+  CEvent never;
+  CThread stuck;
+  ASSERT_EQ(stuck.CreateThreadObject(WaitOnEvent, &never, 0, false, 0), 1);
+  EXPECT_FALSE(stuck.WaitForThread(30));
+  EXPECT_EQ(stuck.KillThread(0), 1);
+  EXPECT_FALSE(stuck.HasHandle());  // closed in every case
+
+  CThread named;
+  EXPECT_EQ(named.SetThreadName(u"", u"x"), 0);
+  const WString sixty(60, u'n');
+  EXPECT_EQ(named.SetThreadName(sixty.c_str(), u"_TaskHndlr"), 1);
+  EXPECT_EQ(WString(named.Name()), sixty);  // name and suffix would reach 64
+  EXPECT_EQ(named.SetThreadName(u"EM_MENDER", u"_TaskHndlr"), 1);
+  EXPECT_EQ(WString(named.Name()), u"EM_MENDER_TaskHndlr");
+  const WString seventy(70, u'm');
+  named.SetThreadName(seventy.c_str(), u"");
+  EXPECT_EQ(WString(named.Name()).size(), 62u);
+}
+
+TEST(CThread, DestructorKillsAThreadThatDoesNotEnd) {
+  // The destructor's 5-second wait runs on a virtual clock; the kill is real.
+  platform::VirtualClock clock;
+  platform::SetClock(&clock);
+  CEvent never;
+  {
+    CThread t;
+    t.m_bTerminateThread = 1;
+    ASSERT_EQ(t.CreateThreadObject(WaitOnEvent, &never, 0, false, 0), 1);
+  }
+  EXPECT_GE(clock.ElapsedMs(), 5010u);
+  platform::SetClock(nullptr);
+}
+
+TEST(CCriticalSection, RecursiveAndLeftAtDestruction) {
+  auto* cs = new CCriticalSection;
+  cs->Enter();
+  cs->Enter();
+  EXPECT_TRUE(cs->IsLockedByCurrentThread());
+  std::atomic<bool> entered{false};
+  std::thread other([&] {
+    CCriticalSectionLock lock(*cs);
+    entered = true;
+  });
+  platform::SleepRealMicros(20000);
+  EXPECT_FALSE(entered);
+  cs->Leave();
+  cs->Leave();
+  other.join();
+  EXPECT_TRUE(entered);
+  cs->Enter();
+  delete cs;  // still held: left before it is deleted
+}
+
+namespace {
+
+class RecordingSerializer : public CTaskSerializer {
+ public:
+  RecordingSerializer(uint32_t levels, uint32_t records) : CTaskSerializer(levels, records) {}
+  ~RecordingSerializer() noexcept(false) override { TerminateSerialization(); }
+  void OnTaskExecution(RequestMessage* message, uint32_t level) override {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      seen.push_back({GetCommandValue(*message, message->commandIndex, kKeyOC, 0), level});
+    }
+    const uint32_t oc = GetCommandValue(*message, message->commandIndex, kKeyOC, 0);
+    if (oc == 100) {
+      running.Set();
+      gate.Wait(5000);
+    }
+    if (oc == 666) throw 1;
+  }
+  void OnQueueEmpty(uint32_t level) override { emptied.push_back(level); }
+  void OnWorkerStart() override { started = true; }
+  void OnWorkerExit() override { exited = true; }
+
+  std::mutex mutex;
+  std::vector<std::pair<uint32_t, uint32_t>> seen;
+  std::vector<uint32_t> emptied;
+  std::atomic<bool> started{false}, exited{false};
+  CEvent running, gate;
+};
+
+TaskRecord* Task(uint32_t oc, CEvent* done = nullptr) {
+  auto* r = new TaskRecord;
+  r->externalEvent = done;
+  ConstructRequest(r->message, oc, 0, 0, 0, ST_NONE);
+  return r;
+}
+
+}  // namespace
+
+TEST(CTaskSerializer, HigherLevelFirstAndRingWrap) {
+  RecordingSerializer s(2, 3);
+  EXPECT_EQ(s.TerminateSerialization(), 1);  // no worker yet: returns at once
+  ASSERT_EQ(s.StartSerialization(), 1);
+  EXPECT_EQ(s.StartSerialization(), 1);  // running: starts nothing
+  EXPECT_TRUE(s.started);
+  // The first task holds the worker until the queues are filled.
+  ASSERT_TRUE(s.PostTask(Task(100), 0));
+  ASSERT_TRUE(s.running.Wait(5000));
+  // Level 0 has taken one record: the next three wrap round the end of its 24-byte ring.
+  ASSERT_TRUE(s.PostTask(Task(1), 0));
+  ASSERT_TRUE(s.PostTask(Task(2), 0));
+  ASSERT_TRUE(s.PostTask(Task(4), 0));
+  ASSERT_TRUE(s.PostTask(Task(3), 1));
+  TaskRecord* overflow = Task(99);
+  EXPECT_FALSE(s.PostTask(overflow, 0));  // ring full: the record stays the caller's
+  delete overflow;
+  EXPECT_FALSE(s.PostTask(overflow, 2));  // no such level
+  ASSERT_TRUE(s.PostTask(Task(5), 1));
+  s.gate.Set();
+  CEvent done;
+  ASSERT_TRUE(s.PostTask(Task(666), 0));  // throws: the worker goes on
+  ASSERT_TRUE(s.PostTask(Task(7, &done), 0));
+  ASSERT_TRUE(done.Wait(5000));
+  EXPECT_EQ(s.TerminateSerialization(), 1);
+  EXPECT_TRUE(s.exited);
+  std::lock_guard<std::mutex> lock(s.mutex);
+  const std::vector<std::pair<uint32_t, uint32_t>> expected = {{100, 0}, {3, 1}, {5, 1},   {1, 0},
+                                                               {2, 0},   {4, 0}, {666, 0}, {7, 0}};
+  EXPECT_EQ(s.seen, expected);
+  EXPECT_EQ(s.emptied.back(), 0u);
+  // A terminated serializer can be started again.
+  EXPECT_EQ(s.StartSerialization(), 1);
+}
