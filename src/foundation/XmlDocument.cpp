@@ -6,6 +6,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "foundation/CDebug.h"
 #include "foundation/XmlEncoding.h"
 #include "foundation/XmlNames.h"
 #include "platform/CodePage.h"
@@ -19,14 +20,18 @@ constexpr int kCodePageUtf16Be = 1201;
 constexpr int kCodePageUtf8 = 65001;
 constexpr int kCodePageUtf32 = 65005;
 
-inline bool IsSpace(char16_t c) { return c == u' ' || c == u'\t' || c == u'\r' || c == u'\n'; }
+inline bool IsSpace(char16_t c) {
+  return c == u' ' || c == u'\t' || c == u'\r' || c == u'\n';
+}
 
 inline bool IsNameStart(char16_t c) {
   return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || c == u'_' || c == u':' || c >= 0x80;
 }
 
 // A tag name runs up to white space, "/", ">" or "<".
-inline bool EndsName(char16_t c) { return IsSpace(c) || c == u'/' || c == u'>' || c == u'<'; }
+inline bool EndsName(char16_t c) {
+  return IsSpace(c) || c == u'/' || c == u'>' || c == u'<';
+}
 
 inline bool StartsWith(WStringView text, size_t at, WStringView prefix) {
   return text.size() >= at + prefix.size() && text.compare(at, prefix.size(), prefix) == 0;
@@ -44,7 +49,9 @@ size_t FindNoCase(WStringView text, WStringView what, size_t from) {
   return WStringView::npos;
 }
 
-WString Number(long long value) { return WFromAscii(std::to_string(value)); }
+WString Number(long long value) {
+  return WFromAscii(std::to_string(value));
+}
 
 // Finds an attribute in the text of a start tag ("<name a='1' b=2>"); values may be quoted or not.
 bool FindAttribute(WStringView tag, WStringView name, bool ignoreCase, WString& value) {
@@ -167,7 +174,7 @@ size_t WellFormedReference(WStringView text, size_t at) {
     if (hex) ++i;
     size_t digits = i;
     while (i < text.size() && ((text[i] >= u'0' && text[i] <= u'9') ||
-                                (hex && ((text[i] >= u'a' && text[i] <= u'f') || (text[i] >= u'A' && text[i] <= u'F')))))
+                               (hex && ((text[i] >= u'a' && text[i] <= u'f') || (text[i] >= u'A' && text[i] <= u'F')))))
       ++i;
     if (i == digits) return 0;
   } else {
@@ -222,7 +229,9 @@ long ReferenceValue(WStringView ref) {
 // ---------------------------------------------------------------------------------------------
 // element array
 
-XmlDocument::XmlDocument() { resetElements(); }
+XmlDocument::XmlDocument() {
+  resetElements();
+}
 
 XmlDocument::~XmlDocument() = default;
 
@@ -335,9 +344,8 @@ void XmlDocument::closeUnended(std::vector<int>& stack, size_t keep, int parent,
     int u = stack[s];
     ElemPos& e = el(u);
     if (m_strResult.size() < kResultLimit) {
-      noteItem(u"unended_start_tag", {{u"tagname", WString(tagName(u))},
-                                      {u"offset", Number(e.start)},
-                                      {u"offset2", Number(endOffset)}});
+      noteItem(u"unended_start_tag",
+               {{u"tagname", WString(tagName(u))}, {u"offset", Number(e.start)}, {u"offset2", Number(endOffset)}});
     }
     m_bWellFormed = false;
     for (int c = e.child; c != 0; c = el(c).next) el(c).parent = parent;
@@ -549,7 +557,9 @@ void XmlDocument::parse() {
         i = j;
       } else {
         char16_t d = i + 2 < n ? p[i + 2] : u'\0';
-        noteSyntax(d == u'-' ? u"comment_tag_syntax" : d == u'[' ? u"cdata_section_syntax" : u"exclamation_tag_syntax",
+        noteSyntax(d == u'-'   ? u"comment_tag_syntax"
+                   : d == u'[' ? u"cdata_section_syntax"
+                               : u"exclamation_tag_syntax",
                    i);
         i += 2;
       }
@@ -579,18 +589,15 @@ void XmlDocument::parse() {
 }
 
 bool XmlDocument::setDocument(const char16_t* text) {
+  if (text != nullptr) return setDocument(WString(text));
+  TRACE(4, u"XmlDocument::setDocument()\t: cleared\n");
   m_strResult.clear();
   m_bLoadedEncoding = false;
-  if (text == nullptr) {
-    m_strDoc.clear();
-    resetElements();
-    resetPositions();
-    m_bWellFormed = false;
-    return false;
-  }
-  m_strDoc.assign(text);
-  parse();
-  return m_bWellFormed;
+  m_strDoc.clear();
+  resetElements();
+  resetPositions();
+  m_bWellFormed = false;
+  return false;
 }
 
 bool XmlDocument::setDocument(const WString& text) {
@@ -598,13 +605,17 @@ bool XmlDocument::setDocument(const WString& text) {
   m_bLoadedEncoding = false;
   m_strDoc = text;
   parse();
+  TRACE(4, u"XmlDocument::setDocument()\t: %d characters, %d elements, well formed %d\n",
+        static_cast<int>(m_strDoc.size()), elementCount(), m_bWellFormed ? 1 : 0);
   return m_bWellFormed;
 }
 
 // ---------------------------------------------------------------------------------------------
 // walking
 
-void XmlDocument::resetPosition() { resetPositions(); }
+void XmlDocument::resetPosition() {
+  resetPositions();
+}
 
 bool XmlDocument::findElement(const char16_t* name) {
   m_iPosChild = 0;
@@ -636,7 +647,9 @@ bool XmlDocument::outOfElement() {
   return true;
 }
 
-WString XmlDocument::getTagName() const { return m_iPos == 0 ? WString() : WString(tagName(m_iPos)); }
+WString XmlDocument::getTagName() const {
+  return m_iPos == 0 ? WString() : WString(tagName(m_iPos));
+}
 
 WString XmlDocument::getAttrib(const char16_t* name) const {
   if (m_iPos == 0 || name == nullptr) return WString();
@@ -654,7 +667,7 @@ WString XmlDocument::getData() const {
   const ElemPos& e = el(m_iPos);
   if (e.endTagLen == 0) return WString();
   WStringView content = WStringView(m_strDoc).substr(static_cast<size_t>(e.start + e.startTagLen),
-                                                      static_cast<size_t>(e.length - e.startTagLen - e.endTagLen));
+                                                     static_cast<size_t>(e.length - e.startTagLen - e.endTagLen));
   if (content.find(u'<') == WStringView::npos) return decodeText(content);
   // Text and CDATA pieces directly in the element; an element with children has no data.
   WString data;
@@ -918,9 +931,11 @@ bool XmlDocument::insertMarkup(const WString& markup, bool lineEnd, bool asChild
 bool XmlDocument::addElement(const char16_t* name, const char16_t* data, int flags) {
   if (name == nullptr || *name == 0) return false;
   const bool hasData = data != nullptr && *data != 0;
-  if ((flags & XML_EL_START_TAG_ONLY) != 0 && hasData) return false;
   const bool asChild = (flags & XML_EL_CHILD) != 0;
-  if (asChild && m_iPos == 0) return false;
+  if (((flags & XML_EL_START_TAG_ONLY) != 0 && hasData) || (asChild && m_iPos == 0)) {
+    TRACE(4, u"XmlDocument::addElement()\t: %s refused, flags 0x%X, main position %d\n", name, flags, m_iPos);
+    return false;
+  }
 
   WString markup = u"<";
   markup += name;
@@ -964,7 +979,10 @@ bool XmlDocument::addNode(int type, const char16_t* text, int flags) {
       markup = escapeText(body, 0);
       break;
     case XML_NODE_CDATA:
-      if (body.find(u"]]>") != WString::npos) return false;
+      if (body.find(u"]]>") != WString::npos) {
+        TRACE(4, u"XmlDocument::addNode()\t: CDATA text holds \"]]>\", refused\n");
+        return false;
+      }
       markup = u"<![CDATA[" + body + u"]]>";
       break;
     case XML_NODE_PI:
@@ -1002,10 +1020,12 @@ bool XmlDocument::load(const WString& path) {
   m_bWellFormed = false;
   m_bLoadedEncoding = false;
 
+  TRACE(3, u"XmlDocument::load()\t: start %s\n", path.c_str());
   std::string bytes;
   int error = 0;
   if (!ReadWholeFile(path, bytes, error)) {
     noteFileError(error);
+    TRACE(1, u"XmlDocument::load()\t: >>>ERROR %s: %s\n", path.c_str(), getErrorText().c_str());
     return false;
   }
   const unsigned char* b = reinterpret_cast<const unsigned char*>(bytes.data());
@@ -1102,6 +1122,9 @@ bool XmlDocument::load(const WString& path) {
   m_nLoadedCodePage = codePage;
   m_strLoadedEncoding = encoding;
   parse();
+  if (!m_bWellFormed) TRACE(1, u"XmlDocument::load()\t: >>>ERROR %s: %s\n", path.c_str(), getErrorText().c_str());
+  TRACE(3, u"XmlDocument::load()\t: end, code page %d, %d elements, well formed %d\n", codePage, elementCount(),
+        m_bWellFormed ? 1 : 0);
   return m_bWellFormed;
 }
 
@@ -1165,8 +1188,11 @@ bool XmlDocument::save(const WString& path) {
   int error = 0;
   if (!WriteWholeFile(path, mark, bytes, error)) {
     noteFileError(error);
+    TRACE(1, u"XmlDocument::save()\t: >>>ERROR %s: %s\n", path.c_str(), getErrorText().c_str());
     return false;
   }
+  TRACE(3, u"XmlDocument::save()\t: %s, code page %d, %d bytes\n", path.c_str(), codePage,
+        static_cast<int>(mark.size() + bytes.size()));
   return true;
 }
 

@@ -13,9 +13,9 @@
 #include "foundation/WString.h"
 
 // Mode bits of a document (setDocFlags).
-constexpr int XML_DF_UTF16LE_BOM = 1;    // write FF FE
-constexpr int XML_DF_UTF8_BOM = 4;       // write EF BB BF
-constexpr int XML_DF_READ_FILE = 16;     // streaming modes: never set here, load and save refuse them
+constexpr int XML_DF_UTF16LE_BOM = 1;  // write FF FE
+constexpr int XML_DF_UTF8_BOM = 4;     // write EF BB BF
+constexpr int XML_DF_READ_FILE = 16;   // streaming modes: never set here, load and save refuse them
 constexpr int XML_DF_WRITE_FILE = 32;
 constexpr int XML_DF_APPEND_FILE = 64;
 constexpr int XML_DF_UTF16BE_BOM = 128;  // write FE FF
@@ -63,7 +63,7 @@ class XmlDocument {
   bool intoElement();
   bool outOfElement();
   WString getData() const;
-  WString getTagName() const;  // name of the main element, empty without one
+  WString getTagName() const;                     // name of the main element, empty without one
   WString getAttrib(const char16_t* name) const;  // decoded attribute value of the main element
 
   // Building.
@@ -100,9 +100,7 @@ class XmlDocument {
   static constexpr int kSegmentSize = 1 << kSegmentBits;
 
   ElemPos& el(int i) { return m_segments[static_cast<size_t>(i) >> kSegmentBits][i & (kSegmentSize - 1)]; }
-  const ElemPos& el(int i) const {
-    return m_segments[static_cast<size_t>(i) >> kSegmentBits][i & (kSegmentSize - 1)];
-  }
+  const ElemPos& el(int i) const { return m_segments[static_cast<size_t>(i) >> kSegmentBits][i & (kSegmentSize - 1)]; }
   int newElement();
   void resetElements();
   void resetPositions();
@@ -117,8 +115,7 @@ class XmlDocument {
   bool nameMatches(int i, const char16_t* name) const;
   WStringView tagName(int i) const;
 
-  bool insertMarkup(const WString& markup, bool lineEnd, bool asChild, bool isElement, int startTagLen,
-                    int endTagLen);
+  bool insertMarkup(const WString& markup, bool lineEnd, bool asChild, bool isElement, int startTagLen, int endTagLen);
   void shiftSubtree(int i, int delta);
   void adjustAfter(int parent, int nextSibling, int offset, int delta);
 

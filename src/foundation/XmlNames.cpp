@@ -35,7 +35,9 @@ int LookUp(const char* const* table, unsigned buckets, int lengthDigits, int cod
 
 }  // namespace
 
-int XmlEntityCodePoint(WStringView name) { return LookUp(kXmlEntityTable, kXmlEntityBuckets, 1, 4, name, 9); }
+int XmlEntityCodePoint(WStringView name) {
+  return LookUp(kXmlEntityTable, kXmlEntityBuckets, 1, 4, name, 9);
+}
 
 int XmlCharsetTableLookup(WStringView name) {
   return LookUp(kXmlCharsetTable, kXmlCharsetBuckets, 2, 5, name, 99);

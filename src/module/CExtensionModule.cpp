@@ -2,7 +2,7 @@
 
 #include "foundation/CDebug.h"
 #include "module/IModuleHost.h"
-#include "module/RequestMessage.h"
+#include "foundation/RequestMessage.h"
 #include "module/SysLog.h"
 
 std::atomic<uint32_t> CExtensionModule::s_cabinetNumber{0};

@@ -9,7 +9,7 @@
 #include "foundation/CCriticalSection.h"
 #include "foundation/CEvent.h"
 #include "foundation/CThread.h"
-#include "module/RequestMessage.h"
+#include "foundation/RequestMessage.h"
 
 // A task: an optional event to set when it is done, and the message to execute.
 struct TaskRecord {

@@ -46,11 +46,12 @@ TEST(CodePage, UnmappableCharactersAreReportedAsLoss) {
   std::string out = ToBytes(platform::kCodePageAnsi, u"a\u65E5b", &lossy);
   EXPECT_TRUE(lossy);
   EXPECT_EQ(out, "a?b");
-  // A surrogate pair is one character and gives one default character.
+  // A character beyond the 16-bit range: one default character per unit on Windows, one for the
+  // pair with iconv; either way the loss is reported and the neighbours survive.
   lossy = false;
   out = ToBytes(28591, u"x\U0001F600y", &lossy);
   EXPECT_TRUE(lossy);
-  EXPECT_EQ(out, "x?y");
+  EXPECT_TRUE(out == "x?y" || out == "x??y") << out;
 }
 
 TEST(CodePage, MultiByteAndUnicodeForms) {
@@ -64,7 +65,9 @@ TEST(CodePage, MultiByteAndUnicodeForms) {
 }
 
 TEST(CodePage, BadBytesBecomeReplacementCharacters) {
-  WString text = ToWide(65001, "a\xFF" "b");
+  WString text = ToWide(65001,
+                        "a\xFF"
+                        "b");
   ASSERT_EQ(text.size(), 3u);
   EXPECT_EQ(text[0], u'a');
   EXPECT_EQ(text[1], u'\xFFFD');

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "module/RequestMessage.h"
+#include "foundation/RequestMessage.h"
 
 namespace {
 

@@ -35,7 +35,9 @@ void ExpectSameAsReparsed(XmlDocument& built) {
   EXPECT_EQ(built.elementCount(), fresh.elementCount());
 }
 
-std::string Utf8(const WString& text) { return WToUtf8(text); }
+std::string Utf8(const WString& text) {
+  return WToUtf8(text);
+}
 
 }  // namespace
 
@@ -346,9 +348,8 @@ TEST(XmlBuild, CdataAndNodes) {
 class XmlFile : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = std::filesystem::temp_directory_path() /
-           ("em_xml_test_" + std::to_string(std::random_device{}()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    dir_ = std::filesystem::temp_directory_path() / ("em_xml_test_" + std::to_string(std::random_device{}()) + "_" +
+                                                     ::testing::UnitTest::GetInstance()->current_test_info()->name());
     std::filesystem::create_directories(dir_);
   }
   void TearDown() override {
@@ -372,8 +373,8 @@ TEST_F(XmlFile, BuiltDocumentRoundTripsInEveryForm) {
     int flags;
     std::string mark;
   };
-  const Form forms[] = {{0, ""}, {XML_DF_UTF8_BOM, "\xEF\xBB\xBF"}, {XML_DF_UTF16LE_BOM, "\xFF\xFE"},
-                        {XML_DF_UTF16BE_BOM, "\xFE\xFF"}};
+  const Form forms[] = {
+      {0, ""}, {XML_DF_UTF8_BOM, "\xEF\xBB\xBF"}, {XML_DF_UTF16LE_BOM, "\xFF\xFE"}, {XML_DF_UTF16BE_BOM, "\xFE\xFF"}};
   for (const Form& form : forms) {
     XmlDocument doc;
     doc.setDocument(u"<?xml version=\"1.0\"?>\r\n");

@@ -39,7 +39,9 @@ bool NoUsedDefaultReport(uint32_t codePage) {
   }
 }
 
-UINT SystemCodePage(uint32_t codePage) { return codePage == kCodePageAnsi ? CP_ACP : static_cast<UINT>(codePage); }
+UINT SystemCodePage(uint32_t codePage) {
+  return codePage == kCodePageAnsi ? CP_ACP : static_cast<UINT>(codePage);
+}
 
 uint32_t ReadUnit(const unsigned char* p, int width, bool bigEndian) {
   uint32_t value = 0;
@@ -136,8 +138,7 @@ bool WideToCodePage(uint32_t codePage, WStringView text, std::string& out, bool*
   const int inLength = static_cast<int>(text.size());
   const bool reportAllowed = !NoUsedDefaultReport(codePage);
   BOOL usedDefault = FALSE;
-  int needed =
-      WideCharToMultiByte(cp, 0, wide, inLength, nullptr, 0, nullptr, reportAllowed ? &usedDefault : nullptr);
+  int needed = WideCharToMultiByte(cp, 0, wide, inLength, nullptr, 0, nullptr, reportAllowed ? &usedDefault : nullptr);
   if (needed <= 0) return false;
   out.resize(static_cast<size_t>(needed));
   usedDefault = FALSE;

@@ -1,13 +1,14 @@
 #include "platform/DynamicLibrary.h"
 
-#include "foundation/WFormat.h"
+#include <string>
+
 #include "platform/win32/Win32Util.h"
 
 namespace platform {
 
 void* LoadModuleFile(const WString& path, WString& error) {
   HMODULE h = LoadLibraryW(W32(path));
-  if (!h) error = WFormat(u"LoadLibraryW failed (error %lu)", static_cast<unsigned long>(GetLastError()));
+  if (!h) error = u"LoadLibraryW failed (error " + WFromAscii(std::to_string(GetLastError())) + u")";
   return reinterpret_cast<void*>(h);
 }
 

@@ -1,4 +1,4 @@
-#include "module/RequestMessage.h"
+#include "foundation/RequestMessage.h"
 
 #include <bit>
 #include <string>
@@ -462,6 +462,12 @@ int SetDataBytes(RequestMessage& message, MessageValue& command, const uint8_t* 
   if (!command.IsObject()) return 0;
   rapidjson::CrtAllocator& heap = message.document.GetAllocator();
   MessageValue raw(rapidjson::kArrayType);
+  // Storage for the whole stream at once, with the capacity that growth by doubling from 16 reaches.
+  if (count) {
+    SizeType capacity = 16;
+    while (capacity < count) capacity *= 2;
+    raw.Reserve(capacity, heap);
+  }
   for (size_t i = 0; i < count; ++i) {
     MessageValue byte(static_cast<unsigned>(bytes[i]));
     AppendElement(raw, byte, heap);

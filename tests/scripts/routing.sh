@@ -1,0 +1,39 @@
+# Routing and the cabinet rule as the host sees them through ApplicationRequest/ApplicationReply.
+source "$(dirname "$0")/script_lib.bash" "$@"
+
+out=$(host --cabinet 3 <<'SCRIPT'
+{"op":"request","OC":57344,"CA":5}
+{"op":"request","OC":13105,"CA":4}
+{"op":"request","OC":57344}
+{"op":"request","OC":13105,"CA":3}
+{"op":"request","OC":57347,"CA":3}
+{"op":"request","OC":13279,"CA":3}
+{"op":"request","OC":13224,"CA":3}
+{"op":"request","OC":13105,"CA":3,"ST":7,"DA":{"RAW":[1,2,3]}}
+{"op":"reply","OC":3200,"CA":3,"DA":{"RAW":[]}}
+{"op":"reply","OC":3200,"CA":3}
+{"op":"sleep","ms":300}
+SCRIPT
+)
+
+# Another cabinet is refused before the opcode is looked at, even an opcode the module knows.
+expect_line "$out" '{"op":"reply","OC":57344,"ret":0,"ST":20}'
+expect_line "$out" '{"op":"reply","OC":13105,"ret":0,"ST":20}'
+# Without "CA" the command passes the cabinet rule and meets the unknown-opcode answer.
+expect_line "$out" '{"op":"reply","OC":57344,"ret":0,"ST":1}'
+# The server start check is answered at once with ST 0, added when the command had none...
+expect_line "$out" '{"op":"reply","OC":13105,"ret":1,"ST":0}'
+# ...and replacing a status it had; the data travels back untouched.
+expect_line "$out" '{"op":"reply","OC":13105,"ret":1,"ST":0,"DA":{"RAW":[1,2,3]}}'
+expect_line "$out" '{"op":"reply","OC":57347,"ret":0,"ST":1}'
+# The last job opcode and the repository-access opcode reach their handlers, which refuse them here.
+expect_line "$out" '{"op":"reply","OC":13279,"ret":0,"ST":1}'
+expect_line "$out" '{"op":"reply","OC":13224,"ret":0,"ST":1}'
+# A scan state without data is watched but changes nothing: the echo has no "ret" and no status.
+expect_line "$out" '{"op":"reply","OC":3200,"ST":null,"DA":{"RAW":[]}}'
+expect_line "$out" '{"op":"reply","OC":3200,"ST":null}'
+# Ten answers and nothing else: no event, no request towards the host.
+expect_count "$out" 10
+expect_no_match "$out" '"op":"(event|host-request|error)"'
+
+finish

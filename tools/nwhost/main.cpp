@@ -1,0 +1,28 @@
+// nwhost: the host program. It loads the EM_MENDER module file and drives it as the agent does.
+#include <cstdio>
+#include <cstring>
+
+#include "tools/nwhost/Verbs.h"
+
+namespace {
+
+int Usage() {
+  std::fprintf(stderr,
+               "usage:\n"
+               "  nwhost demo [--module PATH]      load the module and show what it answers\n"
+               "  nwhost script [--module PATH] [--cabinet N | --no-cabinet] [--registry FILE]\n"
+               "                                   drive the module with JSON lines on standard input\n"
+               "  nwhost xml FILE                  read an XML file as the module reads it\n");
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return Usage();
+  // Each verb sees its own name as argv[0] and its arguments after it.
+  if (std::strcmp(argv[1], "script") == 0) return NwhostScriptVerb(argc - 1, argv + 1);
+  if (std::strcmp(argv[1], "xml") == 0) return NwhostXmlVerb(argc - 1, argv + 1);
+  if (std::strcmp(argv[1], "demo") == 0) return NwhostDemoVerb(argc - 1, argv + 1);
+  return Usage();
+}
