@@ -3,7 +3,7 @@
 #include "foundation/CDebug.h"
 #include "module/IModuleHost.h"
 #include "foundation/RequestMessage.h"
-#include "module/SysLog.h"
+#include "foundation/SysLog.h"
 
 std::atomic<uint32_t> CExtensionModule::s_cabinetNumber{0};
 std::atomic<uint8_t> CExtensionModule::s_cabinetSet{0};

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "foundation/CEvent.h"
+#include "foundation/IUpdateModule.h"
 #include "module/CExtensionModule.h"
 #include "module/CTaskSerializer.h"
 
@@ -15,7 +16,7 @@ class UM_Scheduler;
 class UM_Job;
 struct DiffComponentInfo;
 
-class CUpdateExtensionModule : public CExtensionModule, public CTaskSerializer {
+class CUpdateExtensionModule : public CExtensionModule, public CTaskSerializer, public IUpdateModule {
  public:
   CUpdateExtensionModule();
   ~CUpdateExtensionModule() noexcept(false) override;
@@ -30,19 +31,19 @@ class CUpdateExtensionModule : public CExtensionModule, public CTaskSerializer {
   int GetCabinetNumber(uint32_t* number) override;
   const char16_t* GetModuleName() override { return u"EM_MENDER"; }
 
-  virtual uint32_t GetSwitchShutDownFlag();
+  uint32_t GetSwitchShutDownFlag() override;
   virtual DiffComponentInfo* getDiffComponentInfo(WString componentPath);
-  virtual int getMailAlertEnabledFlag();
+  int getMailAlertEnabledFlag() override;
 
   void OnTaskExecution(RequestMessage* message, uint32_t level) override;
 
   // The way of every event to the host: ST reads 255 while the host holds the message.
-  void SendEvent(RequestMessage* message);
+  void SendEvent(RequestMessage* message) override;
   // A synchronous request to the host, built with ConstructRequest; without a host ST becomes 6.
-  void SendHostRequest(RequestMessage* message);
+  void SendHostRequest(RequestMessage* message) override;
 
-  CEvent& SpareEvent() { return m_spareEvent; }
-  CEvent& PollingLoopCheckDone() { return E_PollingLoopCheckDone; }
+  CEvent& SpareEvent() override { return m_spareEvent; }
+  CEvent& PollingLoopCheckDone() override { return E_PollingLoopCheckDone; }
 
  private:
   void TraceReturn(RequestMessage& message);

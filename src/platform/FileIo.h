@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "foundation/WString.h"
 
@@ -24,6 +25,16 @@ bool RemoveFilePath(const WString& path);
 bool RenamePath(const WString& from, const WString& to);
 bool CreateDirectoryPath(const WString& path);
 WString TempDirectory();
+bool RemoveDirectoryPath(const WString& path);  // an empty directory
+
+struct DirEntry {
+  WString name;
+  bool isDirectory = false;
+};
+// The entries of a directory without "." and "..". False when it cannot be read.
+bool ListDirectory(const WString& path, std::vector<DirEntry>& entries);
+// The process's current directory as the system gives it (empty on failure).
+WString CurrentDirectory();
 constexpr char16_t kPathSeparator =
 #ifdef _WIN32
     u'\\';

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "foundation/RequestMessage.h"
 #include "module/IExtensionModule.h"
 #include "module/IModuleHost.h"
 #include "module/ModuleExports.h"
-#include "foundation/RequestMessage.h"
 
 // The module file's entry points. The four repository functions are only looked up: the host
 // never calls them.

@@ -6,7 +6,7 @@
 #include "module/CUpdateExtensionModule.h"
 #include "module/IModuleHost.h"
 #include "module/Opcodes.h"
-#include "module/SysLog.h"
+#include "foundation/SysLog.h"
 #include "platform/Environment.h"
 
 namespace {

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
 #include <cstdlib>
 
 namespace platform {
@@ -97,6 +99,29 @@ bool RemoveFilePath(const WString& path) { return ::unlink(N(path).c_str()) == 0
 bool RenamePath(const WString& from, const WString& to) { return ::rename(N(from).c_str(), N(to).c_str()) == 0; }
 
 bool CreateDirectoryPath(const WString& path) { return ::mkdir(N(path).c_str(), 0777) == 0 || errno == EEXIST; }
+
+bool RemoveDirectoryPath(const WString& path) { return ::rmdir(N(path).c_str()) == 0; }
+
+bool ListDirectory(const WString& path, std::vector<DirEntry>& entries) {
+  entries.clear();
+  DIR* d = ::opendir(N(path).c_str());
+  if (!d) return false;
+  while (dirent* e = ::readdir(d)) {
+    std::string name = e->d_name;
+    if (name == "." || name == "..") continue;
+    struct stat st{};
+    bool dir = ::lstat((N(path) + "/" + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    entries.push_back(DirEntry{WFromUtf8(name), dir});
+  }
+  ::closedir(d);
+  return true;
+}
+
+WString CurrentDirectory() {
+  char buf[4096];
+  if (!::getcwd(buf, sizeof buf)) return WString();
+  return WFromUtf8(buf);
+}
 
 WString TempDirectory() {
   const char* t = std::getenv("TMPDIR");

@@ -95,6 +95,30 @@ bool CreateDirectoryPath(const WString& path) {
   return CreateDirectoryW(W32(path), nullptr) != 0 || GetLastError() == ERROR_ALREADY_EXISTS;
 }
 
+bool RemoveDirectoryPath(const WString& path) { return RemoveDirectoryW(W32(path)) != 0; }
+
+bool ListDirectory(const WString& path, std::vector<DirEntry>& entries) {
+  entries.clear();
+  WString pattern = path + u"\\*";
+  WIN32_FIND_DATAW fd;
+  HANDLE h = FindFirstFileW(W32(pattern), &fd);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  do {
+    WString name = U16(fd.cFileName);
+    if (name == u"." || name == u"..") continue;
+    entries.push_back(DirEntry{name, (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
+  } while (FindNextFileW(h, &fd));
+  FindClose(h);
+  return true;
+}
+
+WString CurrentDirectory() {
+  wchar_t buf[MAX_PATH + 1];
+  DWORD n = GetCurrentDirectoryW(MAX_PATH + 1, buf);
+  if (n == 0 || n > MAX_PATH) return WString();
+  return WString(U16(buf), n);
+}
+
 WString TempDirectory() {
   wchar_t buf[MAX_PATH + 1];
   DWORD n = GetTempPathW(MAX_PATH + 1, buf);

@@ -1,4 +1,4 @@
-#include "module/SysLog.h"
+#include "foundation/SysLog.h"
 
 #include "foundation/CDebug.h"
 #include "foundation/WFormat.h"
