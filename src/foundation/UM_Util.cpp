@@ -8,8 +8,6 @@
 #include "platform/CodePage.h"
 #include "platform/FileIo.h"
 
-#include <cwchar>
-
 namespace {
 
 const char16_t kModuleDirName[] = u"EM_MENDER";
@@ -223,7 +221,10 @@ class FieldReader {
 bool ParseSigned(const WString& field, int fieldNumber, bool stopAtLineFeed, int64_t& value) {
   if (field.empty()) return false;
   if (field[0] == u'-') {
-    value = std::wcstoll(reinterpret_cast<const wchar_t*>(WString(field).c_str()), nullptr, 10);
+    // The rest of the field is not tested: its leading digits make the number.
+    int64_t v = 0;
+    for (size_t i = 1; i < field.size() && field[i] >= u'0' && field[i] <= u'9'; ++i) v = v * 10 + (field[i] - u'0');
+    value = -v;
     return true;
   }
   int64_t v = 0;
