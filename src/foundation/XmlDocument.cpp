@@ -818,20 +818,53 @@ void XmlDocument::adjustAfter(int parent, int nextSibling, int offset, int delta
   if (m_nNodeEnd > offset) m_nNodeEnd += delta;
 }
 
+// Takes the place of the inserted markup in the element array and in the positions: an element
+// becomes the main element (or the child position when it went in as a child), a node moves the
+// node cursor behind it.
+void XmlDocument::registerInserted(bool isElement, bool asChild, int parent, int previous, int start, int length,
+                                   int startTagLen, int endTagLen, int end) {
+  if (!isElement) {
+    if (!asChild) m_nNodeEnd = end;
+    return;
+  }
+  int index = newElement();
+  ElemPos& e = el(index);
+  e.start = start;
+  e.length = length;
+  e.startTagLen = startTagLen;
+  e.endTagLen = endTagLen;
+  e.parent = parent;
+  ElemPos& pp = el(parent);
+  if (previous != 0) {
+    e.next = el(previous).next;
+    el(previous).next = index;
+  } else {
+    e.next = pp.child;
+    pp.child = index;
+  }
+  if (e.next == 0) pp.lastChild = index;
+  if (asChild) {
+    m_iPosChild = index;
+  } else {
+    m_iPos = index;
+    m_iPosChild = 0;
+    m_nNodeEnd = -1;
+  }
+}
+
 bool XmlDocument::insertMarkup(const WString& markup, bool lineEnd, bool asChild, bool isElement, int startTagLen,
                                int endTagLen) {
   const int parent = asChild ? m_iPos : m_iPosParent;
   const int previous = asChild ? el(parent).lastChild : (m_iPos != 0 ? m_iPos : el(parent).lastChild);
   const WString ending = lineEnd ? WString(u"\r\n") : WString();
+  const int markupLength = static_cast<int>(markup.size());
   int offset;
   int leading = 0;  // "\r\n" put before the markup
-  int newStart;
-  int delta;
-  int followers;  // first element behind the inserted text, among the parent's children
 
   if (!asChild && m_nNodeEnd >= 0) {
-    offset = m_nNodeEnd;
+    offset = m_nNodeEnd;  // behind the node inserted last
   } else if (previous != 0) {
+    // Behind the previous element and its line end.
     const ElemPos& s = el(previous);
     offset = s.start + s.length;
     if (StartsWith(m_strDoc, static_cast<size_t>(offset), u"\r\n")) {
@@ -846,43 +879,23 @@ bool XmlDocument::insertMarkup(const WString& markup, bool lineEnd, bool asChild
     const bool emptyElement = pe.endTagLen == 0 && pe.startTagLen >= 2 &&
                               m_strDoc[static_cast<size_t>(pe.start + pe.startTagLen - 2)] == u'/';
     if (emptyElement) {
-      // <a/> becomes <a>, a line end, the child, </a>.
-      int slash = pe.start + pe.startTagLen - 2;
-      int cut = slash;
+      // The first child of <a/>: the element becomes <a>, a line end, the child, </a>.
+      int cut = pe.start + pe.startTagLen - 2;
       while (cut > pe.start + 1 && IsSpace(m_strDoc[static_cast<size_t>(cut - 1)])) --cut;
-      WString endTag = u"</" + WString(tagName(parent)) + u">";
-      WString replacement = u">\r\n" + markup + ending + endTag;
-      m_strDoc.replace(static_cast<size_t>(cut), static_cast<size_t>(pe.start + pe.startTagLen - cut), replacement);
+      const WString endTag = u"</" + WString(tagName(parent)) + u">";
+      m_strDoc.replace(static_cast<size_t>(cut), static_cast<size_t>(pe.start + pe.startTagLen - cut),
+                       u">\r\n" + markup + ending + endTag);
       const int oldLength = pe.length;
       pe.startTagLen = cut - pe.start + 1;
       pe.endTagLen = static_cast<int>(endTag.size());
-      pe.length = pe.startTagLen + 2 + static_cast<int>(markup.size() + ending.size()) + pe.endTagLen;
-      newStart = pe.start + pe.startTagLen + 2;
-      delta = pe.length - oldLength;
-      adjustAfter(pe.parent, pe.next, cut, delta);
-      if (isElement) {
-        int index = newElement();
-        ElemPos& e = el(index);
-        e.start = newStart;
-        e.length = static_cast<int>(markup.size());
-        e.startTagLen = startTagLen;
-        e.endTagLen = endTagLen;
-        e.parent = parent;
-        ElemPos& pp = el(parent);
-        pp.child = index;
-        pp.lastChild = index;
-        if (asChild) {
-          m_iPosChild = index;
-        } else {
-          m_iPos = index;
-          m_iPosChild = 0;
-          m_nNodeEnd = -1;
-        }
-      } else if (!asChild) {
-        m_nNodeEnd = newStart + static_cast<int>(markup.size() + ending.size());
-      }
+      pe.length = pe.startTagLen + 2 + markupLength + static_cast<int>(ending.size()) + pe.endTagLen;
+      adjustAfter(pe.parent, pe.next, cut, pe.length - oldLength);
+      const int start = pe.start + pe.startTagLen + 2;
+      registerInserted(isElement, asChild, parent, 0, start, markupLength, startTagLen, endTagLen,
+                       start + markupLength + static_cast<int>(ending.size()));
       return true;
     }
+    // Content without child elements: in front of the end tag; empty content gets a line end first.
     offset = pe.start + pe.length - pe.endTagLen;
     if (pe.endTagLen != 0 && pe.length == pe.startTagLen + pe.endTagLen) leading = 2;
   }
@@ -893,38 +906,10 @@ bool XmlDocument::insertMarkup(const WString& markup, bool lineEnd, bool asChild
   text += markup;
   text += ending;
   m_strDoc.insert(static_cast<size_t>(offset), text);
-  newStart = offset + leading;
-  delta = static_cast<int>(text.size());
-  followers = previous != 0 ? el(previous).next : el(parent).child;
-  adjustAfter(parent, followers, offset, delta);
-
-  if (isElement) {
-    int index = newElement();
-    ElemPos& e = el(index);
-    e.start = newStart;
-    e.length = static_cast<int>(markup.size());
-    e.startTagLen = startTagLen;
-    e.endTagLen = endTagLen;
-    e.parent = parent;
-    ElemPos& pp = el(parent);
-    if (previous != 0) {
-      e.next = el(previous).next;
-      el(previous).next = index;
-    } else {
-      e.next = pp.child;
-      pp.child = index;
-    }
-    if (e.next == 0) pp.lastChild = index;
-    if (asChild) {
-      m_iPosChild = index;
-    } else {
-      m_iPos = index;
-      m_iPosChild = 0;
-      m_nNodeEnd = -1;
-    }
-  } else if (!asChild) {
-    m_nNodeEnd = offset + delta;
-  }
+  const int delta = static_cast<int>(text.size());
+  adjustAfter(parent, previous != 0 ? el(previous).next : el(parent).child, offset, delta);
+  registerInserted(isElement, asChild, parent, previous, offset + leading, markupLength, startTagLen, endTagLen,
+                   offset + delta);
   return true;
 }
 

@@ -116,6 +116,8 @@ class XmlDocument {
   WStringView tagName(int i) const;
 
   bool insertMarkup(const WString& markup, bool lineEnd, bool asChild, bool isElement, int startTagLen, int endTagLen);
+  void registerInserted(bool isElement, bool asChild, int parent, int previous, int start, int length, int startTagLen,
+                        int endTagLen, int end);
   void shiftSubtree(int i, int delta);
   void adjustAfter(int parent, int nextSibling, int offset, int delta);
 

@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
+#include <vector>
 
 #include "foundation/XmlDocument.h"
 

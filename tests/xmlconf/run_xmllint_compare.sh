@@ -23,7 +23,7 @@ command -v xmllint >/dev/null || { echo "xmllint missing (apt-get install libxml
 driver=${XMLCONF_DRIVER:-}
 if [ -z "$driver" ]; then
   (cd "$root" && cmake --preset release >/dev/null && cmake --build --preset release --target xmlconf_driver >/dev/null)
-  driver=$root/build/release/xmlconf_driver
+  driver=$root/build/release/bench/xmlconf_driver
 fi
 
 # The corpus: package files (from dpkg's file lists) and everything else under /usr/share.

@@ -13,7 +13,8 @@ name and takes the first match.
 
 Charset table: the customary names of the code pages of the operating system (the MIME charset
 names and their aliases, as the platform's charset database lists them, with the "cpNNN" and
-"windows-NNN" forms). 155 buckets with the same hash; an entry is two digits with the name's
+"windows-NNN" forms), limited to the code pages that both builds convert (iconv has no HZ and no
+DOS Arabic 720). 155 buckets with the same hash; an entry is two digits with the name's
 length, five digits with the code page and the lower-cased name.
 
 Usage: gen_xml_tables.py [ENTITY_DIR] > src/foundation/XmlNameTables.inc
@@ -65,7 +66,6 @@ CHARSETS = {
          "iso-ir-58 x-gbk cp936 windows-936",
     54936: "gb18030",
     51936: "euc-cn x-euc-cn",
-    52936: "hz-gb-2312",
     949: "ks_c_5601-1987 csksc56011987 iso-ir-149 korean ks_c_5601 ks_c_5601-1989 ks_c_5601_1987 "
          "ksc5601 ksc_5601 cp949 uhc windows-949",
     51949: "euc-kr cseuckr",
@@ -91,7 +91,6 @@ CHARSETS = {
     865: "ibm865 cp865",
     866: "cp866 ibm866 csibm866",
     869: "ibm869 cp869",
-    720: "dos-720",
     708: "asmo-708",
     20866: "koi8-r cskoi8r koi koi8 koi8r",
     21866: "koi8-u koi8-ru",
