@@ -2,7 +2,9 @@
 
 #include <cstring>
 
+#include "config/UM_Config.h"
 #include "foundation/CDebug.h"
+#include "foundation/UM_Util.h"
 #include "module/IModuleHost.h"
 #include "platform/Environment.h"
 
@@ -58,9 +60,11 @@ int CUpdateExtensionModule::GetCabinetNumber(uint32_t* number) {
 int CUpdateExtensionModule::StartModule(IModuleHost* host, uint32_t identifier) {
   TRACE(1, u"%s\n### Starting module %s ###\n", kSeparator, g_moduleTraceName);
   CExtensionModule::StartModule(host, identifier);
-  // The components (paths and logs, settings, check, scheduler, jobs) are created here in that
-  // order as they join the module; until then their pointers stay null and their opcodes are
-  // answered as unknown ones.
+  // The components in their order; a failed allocation leaves a null pointer and the start goes
+  // on. The check, the scheduler and the jobs join as they are built; until then their opcodes
+  // are answered as unknown ones.
+  m_util = new (std::nothrow) UM_Util(this);
+  m_config = new (std::nothrow) UM_Config(this, m_util);
   StartSerialization();
   TRACE(1, u"\n\n### Start of module %s completed successfully ###%s", g_moduleTraceName, kSeparator);
   return 1;
@@ -84,8 +88,12 @@ int CUpdateExtensionModule::StopModule() {
   TerminateSerialization();
   if (m_host) m_host->ModuleStopping(this);
   TRACE(2, u"\n### Send update stop event to module %s ###\n", g_moduleTraceName);
-  // The fixed teardown order (check, scheduler, paths and logs, settings, jobs) applies to the
-  // components as they join the module; none exists in this build.
+  // The fixed teardown order: check, scheduler, paths and logs, settings, jobs. Paths and logs go
+  // before the settings, which hold a pointer to them and do not use it while stopping.
+  delete m_util;
+  m_util = nullptr;
+  delete m_config;
+  m_config = nullptr;
   TRACE(1, u"\n\n### Stop of module %s completed successfully ###%s", g_moduleTraceName, kSeparator);
   return 1;
 }
@@ -101,10 +109,7 @@ DiffComponentInfo* CUpdateExtensionModule::getDiffComponentInfo(WString /*compon
   return nullptr;
 }
 
-int CUpdateExtensionModule::getMailAlertEnabledFlag() {
-  // 0 while no settings component exists.
-  return 0;
-}
+int CUpdateExtensionModule::getMailAlertEnabledFlag() { return m_config ? m_config->getMailAlertEnabledFlag() : 0; }
 
 void CUpdateExtensionModule::OnTaskExecution(RequestMessage* message, uint32_t /*level*/) {
   if (!g_Debug.IsActive()) return;

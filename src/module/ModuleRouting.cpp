@@ -1,4 +1,5 @@
 // Routing of the host's requests and replies, and the module's own traffic towards the host.
+#include "config/UM_Config.h"
 #include "foundation/CDebug.h"
 #include "module/CUpdateExtensionModule.h"
 #include "module/IModuleHost.h"
@@ -38,10 +39,14 @@ int CUpdateExtensionModule::ApplicationRequest(RequestMessage* message) {
   const uint32_t oc = GetCommandValue(m, i, kKeyOC, 0);
   int result = 0;
   if (oc == CM_UmSetRepositoryAccessqLTX) {
-    // The settings component answers this one; without it the opcode is unknown here. Its path
-    // has no return trace.
-    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
-    return 0;
+    // The settings component answers this one; its path has no return trace.
+    if (!m_config) {
+      SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
+      return 0;
+    }
+    result = m_config->request(m);
+    TRACE(2, u"\nEM_MENDER (REQUEST) :  umConfig returns %d", result);
+    return result;
   }
   if (oc >= CM_UmJobFirst && oc <= CM_UmJobLast) {
     // Job and history requests go to the job component, which this build does not have yet.
@@ -57,9 +62,9 @@ int CUpdateExtensionModule::ApplicationRequest(RequestMessage* message) {
     // The check component's opcodes; without it they are unknown here.
     SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
     result = 0;
-  } else if (oc == CM_ReadConfigurationSpace || oc == CM_WriteConfigurationSpace) {
-    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
-    result = 0;
+  } else if ((oc == CM_ReadConfigurationSpace || oc == CM_WriteConfigurationSpace) && m_config) {
+    result = m_config->request(m);
+    TRACE(2, u"\nEM_MENDER (REQUEST) :  umConfig returns %d", result);
   } else {
     SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
     result = 0;

@@ -24,6 +24,9 @@ bool RemoveFilePath(const WString& path);
 // Replaces an existing target.
 bool RenamePath(const WString& from, const WString& to);
 bool CreateDirectoryPath(const WString& path);
+// Creates one directory; 0 on success, else the system's error in Windows terms: 5 access
+// denied, 183 already exists, 3 path not found, anything else another failure.
+uint32_t CreateDirectoryError(const WString& path);
 WString TempDirectory();
 bool RemoveDirectoryPath(const WString& path);  // an empty directory
 

@@ -18,6 +18,9 @@ bool CurrentProcessorNumber(uint32_t& number);
 bool ProcessMemory(uint64_t& privateBytes, uint64_t& workingSet);
 bool ProcessHandleCount(uint32_t& count);
 
+// The system's text form of an IPv6 address; false when the system has no formatter.
+bool FormatIpv6Address(const uint8_t bytes[16], WString& text);
+
 // Path of the file that holds this code (the module file when called from the module).
 WString ModuleFilePath();
 

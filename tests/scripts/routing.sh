@@ -26,9 +26,10 @@ expect_line "$out" '{"op":"reply","OC":13105,"ret":1,"ST":0}'
 # ...and replacing a status it had; the data travels back untouched.
 expect_line "$out" '{"op":"reply","OC":13105,"ret":1,"ST":0,"DA":{"RAW":[1,2,3]}}'
 expect_line "$out" '{"op":"reply","OC":57347,"ret":0,"ST":1}'
-# The last job opcode and the repository-access opcode reach their handlers, which refuse them here.
+# The last job opcode and the repository-access opcode reach their handlers, which refuse them here;
+# the settings handler answers an opcode it does not serve with the number 1 as data.
 expect_line "$out" '{"op":"reply","OC":13279,"ret":0,"ST":1}'
-expect_line "$out" '{"op":"reply","OC":13224,"ret":0,"ST":1}'
+expect_line "$out" '{"op":"reply","OC":13224,"ret":0,"ST":1,"DA":1}'
 # A scan state without data is watched but changes nothing: the echo has no "ret" and no status.
 expect_line "$out" '{"op":"reply","OC":3200,"ST":null,"DA":{"RAW":[]}}'
 expect_line "$out" '{"op":"reply","OC":3200,"ST":null}'

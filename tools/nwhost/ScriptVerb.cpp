@@ -26,10 +26,9 @@
 
 #include "platform/Environment.h"
 #include "platform/FileIo.h"
-#include "platform/RegFile.h"
-#include "platform/Registry.h"
 #include "tests/support/JsonMessage.h"
 #include "tests/support/ModuleHost.h"
+#include "tools/nwhost/HostOptions.h"
 #include "tools/nwhost/Verbs.h"
 
 #ifdef _WIN32
@@ -116,67 +115,6 @@ bool ReadUint(const rapidjson::Value& object, const char* name, uint32_t def, ui
   return true;
 }
 
-#ifdef _WIN32
-// Brings the keys of a registry export into the system registry below the local machine hive,
-// which is where the module reads its settings on Windows.
-bool ImportRegistryFile(const std::string& path, std::string& error) {
-  std::string bytes;
-  if (!platform::ReadWholeFile(WFromUtf8(path), bytes)) {
-    error = "cannot read " + path;
-    return false;
-  }
-  platform::RegFile file;
-  if (!platform::ParseRegFile(bytes, file)) {
-    error = path + " is no registry export";
-    return false;
-  }
-  for (const platform::RegFileKey& key : file.keys) {
-    WString sub;
-    if (!platform::RegLocalMachineSubPath(key.path, sub)) {
-      std::fprintf(stderr, "nwhost: skipping key outside HKEY_LOCAL_MACHINE: %s\n", WToUtf8(key.path).c_str());
-      continue;
-    }
-    for (const platform::RegFileValue& value : key.values) {
-      bool written = false;
-      switch (value.type) {
-        case platform::RegType::String:
-        case platform::RegType::ExpandString:
-          written = platform::RegistryWriteString(sub, value.name, platform::RegDataString(value.data),
-                                                  value.type == platform::RegType::ExpandString);
-          break;
-        case platform::RegType::Dword:
-          if (value.data.size() == 4) {
-            const uint32_t number = value.data[0] | (value.data[1] << 8) | (value.data[2] << 16) |
-                                    (static_cast<uint32_t>(value.data[3]) << 24);
-            written = platform::RegistryWriteDword(sub, value.name, number);
-          }
-          break;
-        default:
-          break;
-      }
-      if (!written) {
-        error = "cannot write " + WToUtf8(key.path) + "\\" + WToUtf8(value.name);
-        return false;
-      }
-    }
-  }
-  return true;
-}
-
-#endif
-
-bool PrepareRegistry(const std::string& path, std::string& error) {
-#ifdef _WIN32
-  return ImportRegistryFile(path, error);
-#else
-  // The POSIX registry is the file itself; the module reads it afresh at each lookup.
-  if (!platform::SetEnv(u"NODEWARDEN_REGISTRY", WFromUtf8(path))) {
-    error = "cannot set NODEWARDEN_REGISTRY";
-    return false;
-  }
-  return true;
-#endif
-}
 
 int Usage() {
   std::fprintf(stderr,
@@ -309,26 +247,9 @@ class ScriptRunner {
 int NwhostScriptVerb(int argc, char** argv) {
   ModuleHost::Options options;
   options.modulePath = DefaultModulePath();
-  std::optional<std::string> registry;
+  std::string registry;
   for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const bool hasValue = i + 1 < argc;
-    if (arg == "--module" && hasValue) {
-      options.modulePath = WFromUtf8(argv[++i]);
-    } else if (arg == "--cabinet" && hasValue) {
-      const std::string text = argv[++i];
-      if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10) return Usage();
-      const unsigned long long number = std::stoull(text);
-      if (number > 0xFFFFFFFFull) return Usage();
-      options.cabinet = static_cast<uint32_t>(number);
-      options.setCabinet = true;
-    } else if (arg == "--no-cabinet") {
-      options.setCabinet = false;
-    } else if (arg == "--registry" && hasValue) {
-      registry = argv[++i];
-    } else {
-      return Usage();
-    }
+    if (ParseHostOption(argc, argv, i, options, registry) != 1) return Usage();
   }
 
 #ifdef _WIN32
@@ -336,9 +257,9 @@ int NwhostScriptVerb(int argc, char** argv) {
   _setmode(_fileno(stdout), _O_BINARY);
 #endif
 
-  if (registry) {
+  if (!registry.empty()) {
     std::string error;
-    if (!PrepareRegistry(*registry, error)) {
+    if (!PrepareRegistry(registry, error)) {
       std::fprintf(stderr, "nwhost: %s\n", error.c_str());
       return 1;
     }

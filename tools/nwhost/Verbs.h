@@ -1,9 +1,12 @@
-// The verbs of the host program, one entry function each.
+// The verbs of the host program, one entry function each. Each verb sees its own name as argv[0]
+// and its arguments behind it.
 #pragma once
 
 // nwhost script [--module PATH] [--cabinet N | --no-cabinet] [--registry FILE]
 int NwhostScriptVerb(int argc, char** argv);
 // nwhost xml FILE
 int NwhostXmlVerb(int argc, char** argv);
+// nwhost config [host options] [--reveal] list | get NAME | set NAME VALUE
+int NwhostConfigVerb(int argc, char** argv);
 // nwhost demo [--module PATH]
 int NwhostDemoVerb(int argc, char** argv);

@@ -12,6 +12,9 @@ int Usage() {
                "  nwhost demo [--module PATH]      load the module and show what it answers\n"
                "  nwhost script [--module PATH] [--cabinet N | --no-cabinet] [--registry FILE]\n"
                "                                   drive the module with JSON lines on standard input\n"
+               "  nwhost config [--module PATH] [--cabinet N] [--registry FILE] [--reveal]\n"
+               "               list | get NAME | set NAME VALUE\n"
+               "                                   the update settings, through the configuration requests\n"
                "  nwhost xml FILE                  read an XML file as the module reads it\n");
   return 2;
 }
@@ -23,6 +26,7 @@ int main(int argc, char** argv) {
   // Each verb sees its own name as argv[0] and its arguments after it.
   if (std::strcmp(argv[1], "script") == 0) return NwhostScriptVerb(argc - 1, argv + 1);
   if (std::strcmp(argv[1], "xml") == 0) return NwhostXmlVerb(argc - 1, argv + 1);
+  if (std::strcmp(argv[1], "config") == 0) return NwhostConfigVerb(argc - 1, argv + 1);
   if (std::strcmp(argv[1], "demo") == 0) return NwhostDemoVerb(argc - 1, argv + 1);
   return Usage();
 }

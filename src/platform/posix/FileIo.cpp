@@ -98,6 +98,22 @@ bool RemoveFilePath(const WString& path) { return ::unlink(N(path).c_str()) == 0
 
 bool RenamePath(const WString& from, const WString& to) { return ::rename(N(from).c_str(), N(to).c_str()) == 0; }
 
+uint32_t CreateDirectoryError(const WString& path) {
+  if (::mkdir(N(path).c_str(), 0777) == 0) return 0;
+  switch (errno) {
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return 5;
+    case EEXIST:
+      return 183;
+    case ENOENT:
+      return 3;
+    default:
+      return 1000u + static_cast<uint32_t>(errno);
+  }
+}
+
 bool CreateDirectoryPath(const WString& path) { return ::mkdir(N(path).c_str(), 0777) == 0 || errno == EEXIST; }
 
 bool RemoveDirectoryPath(const WString& path) { return ::rmdir(N(path).c_str()) == 0; }

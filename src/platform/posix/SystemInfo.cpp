@@ -1,5 +1,6 @@
 #include "platform/SystemInfo.h"
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <sched.h>
@@ -95,6 +96,13 @@ bool ProcessHandleCount(uint32_t& count) {
     if (e->d_name[0] != '.') ++n;
   closedir(d);
   count = n > 0 ? n - 1 : 0;  // less the directory handle of this count
+  return true;
+}
+
+bool FormatIpv6Address(const uint8_t bytes[16], WString& text) {
+  char buf[INET6_ADDRSTRLEN];
+  if (!::inet_ntop(AF_INET6, bytes, buf, sizeof buf)) return false;
+  text = WFromUtf8(buf);
   return true;
 }
 

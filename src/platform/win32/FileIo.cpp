@@ -91,6 +91,11 @@ bool RenamePath(const WString& from, const WString& to) {
   return MoveFileExW(W32(from), W32(to), MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED) != 0;
 }
 
+uint32_t CreateDirectoryError(const WString& path) {
+  if (CreateDirectoryW(W32(path), nullptr)) return 0;
+  return GetLastError();
+}
+
 bool CreateDirectoryPath(const WString& path) {
   return CreateDirectoryW(W32(path), nullptr) != 0 || GetLastError() == ERROR_ALREADY_EXISTS;
 }

@@ -80,6 +80,19 @@ bool ProcessHandleCount(uint32_t& count) {
   return true;
 }
 
+bool FormatIpv6Address(const uint8_t bytes[16], WString& text) {
+  // The system's formatter lives in ntdll; looked up, since not every system has it.
+  using Fn = wchar_t*(WINAPI*)(const void*, wchar_t*);
+  HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+  auto fn = ntdll ? reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlIpv6AddressToStringW")))
+                  : nullptr;
+  if (!fn) return false;
+  wchar_t buf[64] = {0};
+  fn(bytes, buf);
+  text = U16(buf);
+  return true;
+}
+
 WString ModuleFilePath() {
   HMODULE self = nullptr;
   if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,

@@ -1,0 +1,104 @@
+#include "tools/nwhost/HostOptions.h"
+
+#include <cstdio>
+
+#include "platform/Environment.h"
+#include "platform/FileIo.h"
+#include "platform/RegFile.h"
+#include "platform/Registry.h"
+
+namespace {
+
+#ifdef _WIN32
+// Brings the keys of a registry export into the system registry below the local machine hive,
+// which is where the module reads its settings on Windows.
+bool ImportRegistryFile(const std::string& path, std::string& error) {
+  std::string bytes;
+  if (!platform::ReadWholeFile(WFromUtf8(path), bytes)) {
+    error = "cannot read " + path;
+    return false;
+  }
+  platform::RegFile file;
+  if (!platform::ParseRegFile(bytes, file)) {
+    error = path + " is no registry export";
+    return false;
+  }
+  for (const platform::RegFileKey& key : file.keys) {
+    WString sub;
+    if (!platform::RegLocalMachineSubPath(key.path, sub)) {
+      std::fprintf(stderr, "nwhost: skipping key outside HKEY_LOCAL_MACHINE: %s\n", WToUtf8(key.path).c_str());
+      continue;
+    }
+    for (const platform::RegFileValue& value : key.values) {
+      bool written = false;
+      switch (value.type) {
+        case platform::RegType::String:
+        case platform::RegType::ExpandString:
+          written = platform::RegistryWriteString(sub, value.name, platform::RegDataString(value.data),
+                                                  value.type == platform::RegType::ExpandString);
+          break;
+        case platform::RegType::Dword:
+          if (value.data.size() == 4) {
+            const uint32_t number = value.data[0] | (value.data[1] << 8) | (value.data[2] << 16) |
+                                    (static_cast<uint32_t>(value.data[3]) << 24);
+            written = platform::RegistryWriteDword(sub, value.name, number);
+          }
+          break;
+        default:
+          break;
+      }
+      if (!written) {
+        error = "cannot write " + WToUtf8(key.path) + "\\" + WToUtf8(value.name);
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+#endif
+
+}  // namespace
+
+bool PrepareRegistry(const std::string& path, std::string& error) {
+#ifdef _WIN32
+  return ImportRegistryFile(path, error);
+#else
+  // The POSIX registry is the file itself; the module reads it afresh at each lookup.
+  if (!platform::SetEnv(u"NODEWARDEN_REGISTRY", WFromUtf8(path))) {
+    error = "cannot set NODEWARDEN_REGISTRY";
+    return false;
+  }
+  return true;
+#endif
+}
+
+int ParseHostOption(int argc, char** argv, int& i, ModuleHost::Options& options, std::string& registry) {
+  const std::string arg = argv[i];
+  const bool hasValue = i + 1 < argc;
+  if (arg == "--module") {
+    if (!hasValue) return -1;
+    options.modulePath = WFromUtf8(argv[++i]);
+    return 1;
+  }
+  if (arg == "--cabinet") {
+    if (!hasValue) return -1;
+    const std::string text = argv[++i];
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10) return -1;
+    const unsigned long long number = std::stoull(text);
+    if (number > 0xFFFFFFFFull) return -1;
+    options.cabinet = static_cast<uint32_t>(number);
+    options.setCabinet = true;
+    return 1;
+  }
+  if (arg == "--no-cabinet") {
+    options.setCabinet = false;
+    return 1;
+  }
+  if (arg == "--registry") {
+    if (!hasValue) return -1;
+    registry = argv[++i];
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,15 @@
+// Options that every verb which loads the module shares.
+#pragma once
+
+#include <string>
+
+#include "tests/support/ModuleHost.h"
+
+// Makes a registry export the settings the module will read: on POSIX the file itself becomes
+// the registry; on Windows its keys below HKEY_LOCAL_MACHINE are written into the registry.
+bool PrepareRegistry(const std::string& path, std::string& error);
+
+// Parses --module PATH, --cabinet N, --no-cabinet and --registry FILE at argv[i]. Returns 1 when
+// it took the option (i then stands on its last word), 0 when the word is no host option, -1 for
+// a host option with a bad value.
+int ParseHostOption(int argc, char** argv, int& i, ModuleHost::Options& options, std::string& registry);
