@@ -9,6 +9,12 @@ namespace {
 
 int TraceInt(uint32_t v) { return static_cast<int>(v); }
 
+// An opcode this module does not serve: ST 1, result 0, nothing else changes.
+int AnswerUnknown(RequestMessage& m) {
+  SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
+  return 0;
+}
+
 }  // namespace
 
 void CUpdateExtensionModule::TraceReturn(RequestMessage& message) {
@@ -37,21 +43,17 @@ int CUpdateExtensionModule::ApplicationRequest(RequestMessage* message) {
   }
 
   const uint32_t oc = GetCommandValue(m, i, kKeyOC, 0);
-  int result = 0;
   if (oc == CM_UmSetRepositoryAccessqLTX) {
     // The settings component answers this one; its path has no return trace.
-    if (!m_config) {
-      SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
-      return 0;
-    }
-    result = m_config->request(m);
+    if (!m_config) return AnswerUnknown(m);
+    const int result = m_config->request(m);
     TRACE(2, u"\nEM_MENDER (REQUEST) :  umConfig returns %d", result);
     return result;
   }
+  int result = 0;
   if (oc >= CM_UmJobFirst && oc <= CM_UmJobLast) {
-    // Job and history requests go to the job component, which this build does not have yet.
-    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
-    result = 0;
+    // Job and history requests: the job component is not part of this build yet.
+    result = AnswerUnknown(m);
   } else if (oc == CM_UmServerStartCheck) {
     TRACE(2, u"\nEM_MENDER (REQUEST) :  call umScheduler.setEvent for starting once immediately createData()");
     // The check runs on the scheduler's thread; the reply does not wait for it.
@@ -59,15 +61,13 @@ int CUpdateExtensionModule::ApplicationRequest(RequestMessage* message) {
     if (command.IsObject()) SetCommandValue(m, command, kKeyST, ST_OK, false);
     result = 1;
   } else if (oc >= CM_UmFamilyFirst && oc <= CM_UmFamilyLast) {
-    // The check component's opcodes; without it they are unknown here.
-    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
-    result = 0;
+    // The check's opcodes: the check component is not part of this build yet.
+    result = AnswerUnknown(m);
   } else if ((oc == CM_ReadConfigurationSpace || oc == CM_WriteConfigurationSpace) && m_config) {
     result = m_config->request(m);
     TRACE(2, u"\nEM_MENDER (REQUEST) :  umConfig returns %d", result);
   } else {
-    SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
-    result = 0;
+    result = AnswerUnknown(m);
   }
   TraceReturn(m);
   return result;
