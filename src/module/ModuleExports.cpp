@@ -2,8 +2,12 @@
 #include "module/ModuleExports.h"
 
 #include "foundation/CDebug.h"
+#include "foundation/CFile.h"
+#include "foundation/RootPaths.h"
 #include "foundation/WFormat.h"
 #include "module/CUpdateExtensionModule.h"
+#include "platform/Clock.h"
+#include "platform/FileIo.h"
 #include "platform/ModuleEntry.h"
 #include "platform/SystemInfo.h"
 
@@ -96,12 +100,39 @@ EM_EXPORT int EM_Delete() {
   return 1;
 }
 
+namespace {
+
+// Removes a directory with everything in it; one more try after a second, since a file may still
+// be held open for a moment at uninstall.
+int RemoveWithRetry(const WString& dir) {
+  int rc = CFile::RemoveDirectoryTree(dir, true);
+  if (rc) return rc;
+  TRACE(1, u"\nEM_MENDER           : removing \"%s\" failed (first time)", dir.c_str());
+  platform::SleepMs(1000);
+  rc = CFile::RemoveDirectoryTree(dir, true);
+  if (!rc) TRACE(1, u"\nEM_MENDER           : removing \"%s\" failed (second time)", dir.c_str());
+  return rc;
+}
+
+}  // namespace
+
 EM_EXPORT int EM_SetupAction(int action, ...) {
   if (action != kSetupActionUninstall) return 1;
-  // Removing the module's data at uninstall needs the host's directory roots, which this build
-  // does not read yet: the action reports failure and removes nothing.
-  TRACE(1, u"\nEM_MENDER           : EM_SetupAction(%d) not available in this build", action);
-  return 0;
+  // Uninstall: the module's work area below the temp root, then its repository and jobs below the
+  // data root when that is another place.
+  WString tempRoot, dataRoot;
+  ReadTempRoot(tempRoot);
+  const WString workDir = tempRoot + kSep + u"EM_MENDER";
+  TRACE(1, u"\nEM_MENDER           : Remove work directory \"%s\"", workDir.c_str());
+  int result = RemoveWithRetry(workDir);
+  ReadDataRoot(dataRoot);
+  if (dataRoot == tempRoot) return result;
+  const WString dataDir = dataRoot + kSep + u"EM_MENDER";
+  if (platform::DirectoryExists(dataDir)) {
+    TRACE(1, u"\nEM_MENDER           : Remove Update Repository and Update Jobs at \"%s\"", dataDir.c_str());
+    if (!RemoveWithRetry(dataDir)) result = 0;
+  }
+  return result;
 }
 
 // The repository functions for outside programs. The repository mirror is not part of this build:
