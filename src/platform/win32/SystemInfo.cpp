@@ -131,7 +131,11 @@ bool ReadModuleVersion(const WString& modulePath, ModuleVersionInfo& info) {
     WString q = prefix + name;
     wchar_t* value = nullptr;
     UINT n = 0;
-    if (VerQueryValueW(block.data(), W32(q), reinterpret_cast<void**>(&value), &n) && value) out = U16(value);
+    if (VerQueryValueW(block.data(), W32(q), reinterpret_cast<void**>(&value), &n) && value) {
+      out = U16(value);
+      for (char16_t& c : out)
+        if (c < 0x20) c = u'?';  // the banner prints only what can be read
+    }
   };
   read(u"FileDescription", info.fileDescription);
   read(u"CompanyName", info.companyName);
