@@ -40,14 +40,29 @@ struct Installation {
     };
     // Key "%04X.FFFF.0000" of each OE, with its size.
     const Value values[] = {
-        {u"1A40", u"REPO"},          {u"1A41", u"1"},          {u"1A44", u"2"},
-        {u"1A45", u"0"},             {u"1A42", u"updateuser"}, {u"1A43", u"8lAiMWv40UaXqykBnie1Hw=="},
-        {u"1A47", u"dl.example"},    {u"1A48", u"/repository"}, {u"1A4D", u"1"},
-        {u"1A4E", u"1"},             {u"041A", u"Updates for the server"}, {u"041B", u"line one||line two"},
-        {u"1A90", u"2"},             {u"1A92", u"8080"},       {u"1A91", u"proxy.example"},
-        {u"1A93", u"proxyuser"},     {u"1A94", u"8lAiMWv40UaXqykBnie1Hw=="}, {u"1A46", u"0"},
-        {u"1A49", u"0"},             {u"1A4A", u"1700000000"}, {u"1A4B", u"7"},
-        {u"1A4C", u"1"},             {u"020A", u"C0A80001"},
+        {u"1A40", u"REPO"},
+        {u"1A41", u"1"},
+        {u"1A44", u"2"},
+        {u"1A45", u"0"},
+        {u"1A42", u"updateuser"},
+        {u"1A43", u"8lAiMWv40UaXqykBnie1Hw=="},
+        {u"1A47", u"dl.example"},
+        {u"1A48", u"/repository"},
+        {u"1A4D", u"1"},
+        {u"1A4E", u"1"},
+        {u"041A", u"Updates for the server"},
+        {u"041B", u"line one||line two"},
+        {u"1A90", u"2"},
+        {u"1A92", u"8080"},
+        {u"1A91", u"proxy.example"},
+        {u"1A93", u"proxyuser"},
+        {u"1A94", u"8lAiMWv40UaXqykBnie1Hw=="},
+        {u"1A46", u"0"},
+        {u"1A49", u"0"},
+        {u"1A4A", u"1700000000"},
+        {u"1A4B", u"7"},
+        {u"1A4C", u"1"},
+        {u"020A", u"C0A80001"},
     };
     std::u16string common = u"[CurrentConfig]\r\n", defaults = u"[DefaultConfig]\r\n";
     for (const Value& v : values) {
@@ -67,7 +82,8 @@ struct Installation {
         size = WFromAscii(std::to_string(value.size()));
       }
       const WString sizeKey = bytes ? u".Size[]" : u".Size";
-      common += WString(v.key) + u".FFFF.0000=" + value + u"\r\n" + v.key + u".FFFF.0000" + sizeKey + u"=" + size + u"\r\n";
+      common +=
+          WString(v.key) + u".FFFF.0000=" + value + u"\r\n" + v.key + u".FFFF.0000" + sizeKey + u"=" + size + u"\r\n";
       defaults += WString(v.key) + u"=" + value + u"\r\n" + v.key + sizeKey + u"=" + size + u"\r\n";
     }
     const std::string c = Utf16File(common), d = Utf16File(defaults);

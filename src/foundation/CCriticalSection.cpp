@@ -18,4 +18,6 @@ void CCriticalSection::Leave() {
   m_section.Leave();
 }
 
-bool CCriticalSection::IsLockedByCurrentThread() const { return m_owner.load() == platform::CurrentThreadId(); }
+bool CCriticalSection::IsLockedByCurrentThread() const {
+  return m_owner.load() == platform::CurrentThreadId();
+}

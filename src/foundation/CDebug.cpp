@@ -26,7 +26,9 @@ constexpr size_t kStampLimit = 3172;
 const char16_t kTooSmall[] = u"################# CDebug::Trace() - BUFFER TOO SMALL - FIXME! #################";
 const char16_t kException[] = u"\n\n################# EXCEPTION in CDebug::Trace() #################\n";
 
-uint64_t TickUnits() { return platform::TickMs() >> 10; }
+uint64_t TickUnits() {
+  return platform::TickMs() >> 10;
+}
 
 void CopyCut(char16_t* dst, size_t cap, WStringView src) {
   size_t n = src.size() < cap - 1 ? src.size() : cap - 1;
@@ -36,9 +38,13 @@ void CopyCut(char16_t* dst, size_t cap, WStringView src) {
 
 }  // namespace
 
-CDebug::CDebug(const char16_t* applicationName, bool banner) { Initialise(applicationName, banner); }
+CDebug::CDebug(const char16_t* applicationName, bool banner) {
+  Initialise(applicationName, banner);
+}
 
-CDebug::~CDebug() { CloseFileMutex(); }
+CDebug::~CDebug() {
+  CloseFileMutex();
+}
 
 void CDebug::CloseFileMutex() {
   if (m_fileMutex) {
@@ -59,8 +65,8 @@ void CDebug::Initialise(const char16_t* applicationName, bool banner) {
   LoadSettings();
   if (IsActive() && banner) {
     platform::LocalTime t = platform::NowLocalTime();
-    Trace(1, u"\n\n----- Application [%s] started at %02d:%02d:%02d %02d/%02d/%02d -----\n", m_appName, t.hour, t.minute,
-          t.second, t.month, t.day, t.year);
+    Trace(1, u"\n\n----- Application [%s] started at %02d:%02d:%02d %02d/%02d/%02d -----\n", m_appName, t.hour,
+          t.minute, t.second, t.month, t.day, t.year);
   }
 }
 
@@ -159,9 +165,7 @@ void CDebug::TraceV(uint32_t level, const char16_t* format, va_list args) {
       ++f;
     }
     const size_t stampStart = n;
-    auto stamp = [&](const char16_t* fmt, auto... values) {
-      n += WFormatTo(line + n, kLineChars - n, fmt, values...);
-    };
+    auto stamp = [&](const char16_t* fmt, auto... values) { n += WFormatTo(line + n, kLineChars - n, fmt, values...); };
     if (m_dateStampOn || m_timeStampOn) {
       platform::LocalTime t = platform::NowLocalTime();
       if (m_dateStampOn) stamp(u"[%02d-%02d-%02d] ", t.year, t.month, t.day);

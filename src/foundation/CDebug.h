@@ -55,8 +55,8 @@ class CDebug {
   bool m_consoleOpen = false;
   uint32_t m_winLevel = 0;
   char16_t m_appName[32] = {0};
-  uint32_t m_timeStampOn = 0, m_dateStampOn = 0, m_threadIdOn = 0, m_cpuIdOn = 0, m_appNameOn = 0,
-           m_memUsageOn = 0, m_handleCountOn = 0;
+  uint32_t m_timeStampOn = 0, m_dateStampOn = 0, m_threadIdOn = 0, m_cpuIdOn = 0, m_appNameOn = 0, m_memUsageOn = 0,
+           m_handleCountOn = 0;
   uint32_t m_dynamicUpdate = 0;
   uint64_t m_lastReading = 0;
   std::atomic<uint32_t> m_active{0};
@@ -66,7 +66,7 @@ class CDebug {
 extern CDebug g_Debug;
 
 // Traces through the module's instance; the arguments are evaluated only while it is active.
-#define TRACE(level, ...)                                       \
-  do {                                                          \
+#define TRACE(level, ...)                                        \
+  do {                                                           \
     if (g_Debug.IsActive()) g_Debug.Trace((level), __VA_ARGS__); \
   } while (0)

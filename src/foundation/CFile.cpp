@@ -28,7 +28,7 @@ int CFile::RemoveDirectoryTree(const WString& path, bool removeItself) {
     TRACE(3, u"\nCFile               : directory \"%s\" removed", path.c_str());
     return 1;
   }
-  TRACE(1, u"\nCFile               : ERROR 0x%X! FAILED to remove directory parent \"%s\"", platform::GetLastErrorCode(),
-        path.c_str());
+  TRACE(1, u"\nCFile               : ERROR 0x%X! FAILED to remove directory parent \"%s\"",
+        platform::GetLastErrorCode(), path.c_str());
   return 0;
 }

@@ -40,7 +40,8 @@ int CThread::KillThread(uint32_t exitCode) {
       m_lastError = m_thread.LastError();
       result = 0;
     } else {
-      TRACE(1, u"\n\n## WARNING! RUNNING THREAD %d (\"%s\") TERMINATED!  ###\n", static_cast<int>(m_thread.Id()), Name());
+      TRACE(1, u"\n\n## WARNING! RUNNING THREAD %d (\"%s\") TERMINATED!  ###\n", static_cast<int>(m_thread.Id()),
+            Name());
     }
   }
   m_thread.Close();

@@ -37,8 +37,12 @@ WString ReadHostBaseKeyPath() {
   return kHostFixedKey;
 }
 
-WString ReadSetupKeyPath() { return ReadHostBaseKeyPath() + u"\\Setup"; }
-WString ReadDataKeyPath() { return ReadHostBaseKeyPath() + u"\\DATA"; }
+WString ReadSetupKeyPath() {
+  return ReadHostBaseKeyPath() + u"\\Setup";
+}
+WString ReadDataKeyPath() {
+  return ReadHostBaseKeyPath() + u"\\DATA";
+}
 
 WString SystemTempDirectory() {
   WString t = platform::TempDirectory();

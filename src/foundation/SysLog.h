@@ -1,7 +1,9 @@
 // The client of the system's event log: one static object per module. The source is registered
-// at start with the host type's source name; every entry reads "<module>: <text>".
+// at start with the host type's source name and removed when the object goes at unload; every
+// entry reads "<module>: <text>".
 #pragma once
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 
@@ -31,7 +33,7 @@ class SysLog {
 
   CCriticalSection m_lock;
   WString m_module;
-  void* m_source = nullptr;
+  std::atomic<void*> m_source{nullptr};  // the system's event source; null until registered
   WString m_sourceName;
   uint32_t m_messageId = 0;
 };

@@ -86,12 +86,18 @@ size_t WFormatToV(char16_t* buf, size_t cap, const char16_t* fmt, va_list ap) {
     }
     Spec sp;
     for (;; ++p) {
-      if (*p == u'-') sp.left = true;
-      else if (*p == u'0') sp.zero = true;
-      else if (*p == u'+') sp.plus = true;
-      else if (*p == u' ') sp.space = true;
-      else if (*p == u'#') sp.alt = true;
-      else break;
+      if (*p == u'-')
+        sp.left = true;
+      else if (*p == u'0')
+        sp.zero = true;
+      else if (*p == u'+')
+        sp.plus = true;
+      else if (*p == u' ')
+        sp.space = true;
+      else if (*p == u'#')
+        sp.alt = true;
+      else
+        break;
     }
     if (*p == u'*') {
       sp.width = va_arg(ap, int);
@@ -151,12 +157,24 @@ size_t WFormatToV(char16_t* buf, size_t cap, const char16_t* fmt, va_list ap) {
       case u'i': {
         int64_t v;
         switch (len) {
-          case kLong: v = va_arg(ap, long); break;
-          case kLongLong: v = va_arg(ap, long long); break;
-          case kSize: v = static_cast<int64_t>(va_arg(ap, size_t)); break;
-          case kShort: v = static_cast<short>(va_arg(ap, int)); break;
-          case kChar: v = static_cast<signed char>(va_arg(ap, int)); break;
-          default: v = va_arg(ap, int); break;
+          case kLong:
+            v = va_arg(ap, long);
+            break;
+          case kLongLong:
+            v = va_arg(ap, long long);
+            break;
+          case kSize:
+            v = static_cast<int64_t>(va_arg(ap, size_t));
+            break;
+          case kShort:
+            v = static_cast<short>(va_arg(ap, int));
+            break;
+          case kChar:
+            v = static_cast<signed char>(va_arg(ap, int));
+            break;
+          default:
+            v = va_arg(ap, int);
+            break;
         }
         uint64_t mag = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
         putInteger(s, sp, mag, v < 0, 10, false);
@@ -168,12 +186,24 @@ size_t WFormatToV(char16_t* buf, size_t cap, const char16_t* fmt, va_list ap) {
       case u'o': {
         uint64_t v;
         switch (len) {
-          case kLong: v = va_arg(ap, unsigned long); break;
-          case kLongLong: v = va_arg(ap, unsigned long long); break;
-          case kSize: v = va_arg(ap, size_t); break;
-          case kShort: v = static_cast<unsigned short>(va_arg(ap, unsigned)); break;
-          case kChar: v = static_cast<unsigned char>(va_arg(ap, unsigned)); break;
-          default: v = va_arg(ap, unsigned); break;
+          case kLong:
+            v = va_arg(ap, unsigned long);
+            break;
+          case kLongLong:
+            v = va_arg(ap, unsigned long long);
+            break;
+          case kSize:
+            v = va_arg(ap, size_t);
+            break;
+          case kShort:
+            v = static_cast<unsigned short>(va_arg(ap, unsigned));
+            break;
+          case kChar:
+            v = static_cast<unsigned char>(va_arg(ap, unsigned));
+            break;
+          default:
+            v = va_arg(ap, unsigned);
+            break;
         }
         unsigned base = conv == u'u' ? 10 : conv == u'o' ? 8 : 16;
         putInteger(s, sp, v, false, base, conv == u'X');

@@ -93,8 +93,12 @@ WString WFromAscii(std::string_view s) {
   return out;
 }
 
-char16_t WToLowerAscii(char16_t c) { return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c; }
-char16_t WToUpperAscii(char16_t c) { return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c; }
+char16_t WToLowerAscii(char16_t c) {
+  return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c;
+}
+char16_t WToUpperAscii(char16_t c) {
+  return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c;
+}
 
 bool WEqualsNoCase(WStringView a, WStringView b) {
   if (a.size() != b.size()) return false;

@@ -121,7 +121,9 @@ TaskRecord* CTaskSerializer::TakeRecord(uint32_t& takenLevel) {
   return nullptr;
 }
 
-void CTaskSerializer::DestroyRecord(TaskRecord* record) { delete record; }
+void CTaskSerializer::DestroyRecord(TaskRecord* record) {
+  delete record;
+}
 
 void CTaskSerializer::WorkerLoop() {
   TRACE(4, u"\nCTaskSerializer     : START THREAD TaskHandler()!");
@@ -140,7 +142,8 @@ void CTaskSerializer::WorkerLoop() {
         OnTaskExecution(&record->message, level);
         TRACE(5, u"\nCTaskSerializer     : Task (Record 0x%X) at level %d completed",
               static_cast<unsigned>(reinterpret_cast<uintptr_t>(record)), static_cast<int>(level));
-      } EM_CATCH_THREAD_CANCEL catch (...) {
+      }
+      EM_CATCH_THREAD_CANCEL catch (...) {
         TRACE(1, u"\n\nCTaskSerializer     : ## EXCEPTION in OnTaskExecution()! ##");
       }
       try {
@@ -152,13 +155,15 @@ void CTaskSerializer::WorkerLoop() {
             TRACE(1, u"\nCTaskSerializer     : ERROR setting external event object 0x%X!",
                   static_cast<unsigned>(reinterpret_cast<uintptr_t>(record->externalEvent)));
         }
-      } EM_CATCH_THREAD_CANCEL catch (...) {
+      }
+      EM_CATCH_THREAD_CANCEL catch (...) {
         TRACE(1, u"\n\nCTaskSerializer     : ## EXCEPTION setting external event object 0x%X!",
               static_cast<unsigned>(reinterpret_cast<uintptr_t>(record->externalEvent)));
       }
       try {
         DestroyRecord(record);
-      } EM_CATCH_THREAD_CANCEL catch (...) {
+      }
+      EM_CATCH_THREAD_CANCEL catch (...) {
         TRACE(1, u"\n\nCTaskSerializer     : ## EXCEPTION deleting task data record!");
       }
       CCriticalSectionLock lock(m_lock);

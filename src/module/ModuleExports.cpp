@@ -24,10 +24,18 @@ void WriteBanner() {
   uint16_t arch = 0;
   if (!platform::NativeProcessorArchitecture(arch)) arch = 0;
   switch (arch) {
-    case 0: TRACE(1, u"\n        OS platform : x86"); break;
-    case 6: TRACE(1, u"\n        OS platform : iA64"); break;
-    case 9: TRACE(1, u"\n        OS platform : x64"); break;
-    default: TRACE(1, u"\n        OS platform : << Unknown!! >>"); break;
+    case 0:
+      TRACE(1, u"\n        OS platform : x86");
+      break;
+    case 6:
+      TRACE(1, u"\n        OS platform : iA64");
+      break;
+    case 9:
+      TRACE(1, u"\n        OS platform : x64");
+      break;
+    default:
+      TRACE(1, u"\n        OS platform : << Unknown!! >>");
+      break;
   }
   const WString path = platform::ModuleFilePath();
   platform::ModuleVersionInfo version;
@@ -65,7 +73,9 @@ void EmOnProcessDetach() {
   TRACE(5, u"\nEM DLL (%-10s) : DLL_PROCESS_DETACH finished", g_moduleTraceName);
 }
 
-EM_EXPORT const char16_t* EM_GetModuleName() { return u"EM_MENDER"; }
+EM_EXPORT const char16_t* EM_GetModuleName() {
+  return u"EM_MENDER";
+}
 
 EM_EXPORT int EM_Create(IExtensionModule** out, void* /*reserved*/) {
   if (g_module) {
@@ -147,6 +157,10 @@ EM_EXPORT int download(const WebParamRecord* /*record*/, const char16_t* /*local
   return -1;
 }
 
-EM_EXPORT int checkWebConnection(const WebParamRecord* /*record*/) { return -1; }
+EM_EXPORT int checkWebConnection(const WebParamRecord* /*record*/) {
+  return -1;
+}
 
-EM_EXPORT int deleteBinary(const char16_t* /*localRepository*/, const char16_t* /*componentPath*/) { return -1; }
+EM_EXPORT int deleteBinary(const char16_t* /*localRepository*/, const char16_t* /*componentPath*/) {
+  return -1;
+}

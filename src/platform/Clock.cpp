@@ -11,8 +11,7 @@ namespace {
 
 class SystemClock : public Clock {
  public:
-  SystemClock()
-      : m_scale(TimeScale()), m_startMicros(MonotonicMicros()), m_startUtc(UtcSeconds()) {}
+  SystemClock() : m_scale(TimeScale()), m_startMicros(MonotonicMicros()), m_startUtc(UtcSeconds()) {}
 
   uint32_t LocalClockSeconds() override {
     int64_t utc = UtcSeconds();
@@ -62,15 +61,25 @@ Clock& GetClock() {
   return c ? *c : SystemClockInstance();
 }
 
-void SetClock(Clock* clock) { g_clock.store(clock, std::memory_order_release); }
+void SetClock(Clock* clock) {
+  g_clock.store(clock, std::memory_order_release);
+}
 
 VirtualClock::VirtualClock(uint32_t localSeconds, uint32_t graceMs)
     : m_nowMs(static_cast<uint64_t>(localSeconds) * 1000), m_startMs(m_nowMs.load()), m_graceMs(graceMs) {}
 
-uint32_t VirtualClock::LocalClockSeconds() { return static_cast<uint32_t>(m_nowMs.load() / 1000); }
-uint64_t VirtualClock::TickMs() { return m_nowMs.load(); }
-void VirtualClock::SleepMs(uint32_t ms) { Advance(ms); }
-void VirtualClock::Advance(uint64_t ms) { m_nowMs.fetch_add(ms); }
+uint32_t VirtualClock::LocalClockSeconds() {
+  return static_cast<uint32_t>(m_nowMs.load() / 1000);
+}
+uint64_t VirtualClock::TickMs() {
+  return m_nowMs.load();
+}
+void VirtualClock::SleepMs(uint32_t ms) {
+  Advance(ms);
+}
+void VirtualClock::Advance(uint64_t ms) {
+  m_nowMs.fetch_add(ms);
+}
 
 bool VirtualClock::Wait(Waitable& object, uint32_t ms) {
   if (ms == kInfinite) return object.WaitRealMicros(kInfiniteMicros);

@@ -44,10 +44,18 @@ void SetClock(Clock* clock);
 // The factor read from EM_MENDER_TIME_SCALE at first use (1 when unset or invalid).
 double TimeScale();
 
-inline uint32_t LocalClockSeconds() { return GetClock().LocalClockSeconds(); }
-inline uint64_t TickMs() { return GetClock().TickMs(); }
-inline void SleepMs(uint32_t ms) { GetClock().SleepMs(ms); }
-inline bool WaitFor(Waitable& object, uint32_t ms) { return GetClock().Wait(object, ms); }
+inline uint32_t LocalClockSeconds() {
+  return GetClock().LocalClockSeconds();
+}
+inline uint64_t TickMs() {
+  return GetClock().TickMs();
+}
+inline void SleepMs(uint32_t ms) {
+  GetClock().SleepMs(ms);
+}
+inline bool WaitFor(Waitable& object, uint32_t ms) {
+  return GetClock().Wait(object, ms);
+}
 
 // Raw time sources of the operating system, in real time.
 uint64_t MonotonicMicros();

@@ -55,8 +55,10 @@ bool ParseHexBytes(WStringView s, std::vector<uint8_t>& out) {
     int v = 0, digits = 0;
     while (i < s.size() && digits < 2) {
       char16_t c = s[i];
-      int d = (c >= u'0' && c <= u'9') ? c - u'0' : (c >= u'a' && c <= u'f') ? c - u'a' + 10
-                                                   : (c >= u'A' && c <= u'F') ? c - u'A' + 10 : -1;
+      int d = (c >= u'0' && c <= u'9')   ? c - u'0'
+              : (c >= u'a' && c <= u'f') ? c - u'a' + 10
+              : (c >= u'A' && c <= u'F') ? c - u'A' + 10
+                                         : -1;
       if (d < 0) break;
       v = v * 16 + d;
       ++digits;

@@ -13,7 +13,15 @@
 
 namespace platform {
 
-enum class RegType : uint32_t { None = 0, String = 1, ExpandString = 2, Binary = 3, Dword = 4, MultiString = 7, Qword = 11 };
+enum class RegType : uint32_t {
+  None = 0,
+  String = 1,
+  ExpandString = 2,
+  Binary = 3,
+  Dword = 4,
+  MultiString = 7,
+  Qword = 11
+};
 
 class RegistryKey {
  public:

@@ -9,8 +9,10 @@
 
 // Thread entries catch everything, except the unwinding by which a killed thread ends: it must
 // pass on. Use as: try { ... } EM_CATCH_THREAD_CANCEL catch (...) { ... }
-#define EM_CATCH_THREAD_CANCEL \
-  catch (platform::ThreadKilled&) { throw; }
+#define EM_CATCH_THREAD_CANCEL      \
+  catch (platform::ThreadKilled&) { \
+    throw;                          \
+  }
 
 namespace platform {
 

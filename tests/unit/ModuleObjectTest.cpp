@@ -3,10 +3,10 @@
 
 #include <vector>
 
+#include "foundation/SysLog.h"
 #include "module/CUpdateExtensionModule.h"
 #include "module/IModuleHost.h"
 #include "module/Opcodes.h"
-#include "foundation/SysLog.h"
 #include "platform/Environment.h"
 
 namespace {
@@ -52,7 +52,9 @@ void Command(RequestMessage& m, uint32_t oc, uint32_t ca = ~0u, uint32_t st = ~0
   if (st != ~0u) SetCommandValue(m, c, kKeyST, st, false);
 }
 
-uint32_t St(const RequestMessage& m) { return GetCommandValue(m, m.commandIndex, kKeyST, ST_ABSENT); }
+uint32_t St(const RequestMessage& m) {
+  return GetCommandValue(m, m.commandIndex, kKeyST, ST_ABSENT);
+}
 
 }  // namespace
 

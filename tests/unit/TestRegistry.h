@@ -40,8 +40,12 @@ class TestRegistry {
     m_keys.push_back(key);
     platform::RegistryWriteString(key, name, value, expandable);
   }
-  void DeleteKey(const WString& key) { platform::RegistryDeleteTree(key); }
-  const WString& File() const { return m_file; }
+  void DeleteKey(const WString& key) {
+    platform::RegistryDeleteTree(key);
+  }
+  const WString& File() const {
+    return m_file;
+  }
 
  private:
   WString m_file;

@@ -19,7 +19,9 @@ unsigned WaitOnEvent(void* arg) {
   return 0;
 }
 
-unsigned Quick(void*) { return 0; }
+unsigned Quick(void*) {
+  return 0;
+}
 
 }  // namespace
 

@@ -172,7 +172,8 @@ TEST(WFormat, PrintfCompatibleConversions) {
   EXPECT_EQ(WFormat(u"[%-10s][%10s][%.2s]", u"abc", u"abc", u"abc"), u"[abc       ][       abc][ab]");
   EXPECT_EQ(WFormat(u"%ld %lu %lld %I64d", -1L, 4000000000UL, -9000000000LL, 9000000000LL),
             u"-1 4000000000 -9000000000 9000000000");
-  EXPECT_EQ(WFormat(u"%hs|%S|%s", "n\xC3\xA4rrow", "x", static_cast<const char16_t*>(nullptr)), u"n\u00e4rrow|x|(null)");
+  EXPECT_EQ(WFormat(u"%hs|%S|%s", "n\xC3\xA4rrow", "x", static_cast<const char16_t*>(nullptr)),
+            u"n\u00e4rrow|x|(null)");
   EXPECT_EQ(WFormat(u"%05d|%-5d|%+d|%*d", 42, 42, 42, 4, 7), u"00042|42   |+42|   7");
   EXPECT_EQ(WFormat(u"%.2f", 3.14159), u"3.14");
   char16_t small[6];

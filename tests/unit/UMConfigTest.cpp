@@ -4,10 +4,10 @@
 
 #include "config/UM_Config.h"
 #include "foundation/CEvent.h"
+#include "foundation/CFile.h"
 #include "foundation/IUpdateModule.h"
 #include "foundation/RequestMessage.h"
 #include "foundation/RootPaths.h"
-#include "foundation/CFile.h"
 #include "foundation/UM_Util.h"
 #include "platform/FileIo.h"
 #include "tests/unit/TestRegistry.h"

@@ -25,12 +25,18 @@ int Usage() {
 
 const char* KindText(UM_Config::Kind kind) {
   switch (kind) {
-    case UM_Config::Kind::Byte: return "byte";
-    case UM_Config::Kind::Number: return "number";
-    case UM_Config::Kind::Text: return "text";
-    case UM_Config::Kind::MultiText: return "text (lines)";
-    case UM_Config::Kind::Password: return "password";
-    default: return "address";
+    case UM_Config::Kind::Byte:
+      return "byte";
+    case UM_Config::Kind::Number:
+      return "number";
+    case UM_Config::Kind::Text:
+      return "text";
+    case UM_Config::Kind::MultiText:
+      return "text (lines)";
+    case UM_Config::Kind::Password:
+      return "password";
+    default:
+      return "address";
   }
 }
 

@@ -115,7 +115,6 @@ bool ReadUint(const rapidjson::Value& object, const char* name, uint32_t def, ui
   return true;
 }
 
-
 int Usage() {
   std::fprintf(stderr,
                "usage: nwhost script [--module PATH] [--cabinet N | --no-cabinet] [--registry FILE]\n"

@@ -14,7 +14,9 @@ uint64_t MonotonicMicros() {
   return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
 }
 
-int64_t UtcSeconds() { return static_cast<int64_t>(::time(nullptr)); }
+int64_t UtcSeconds() {
+  return static_cast<int64_t>(::time(nullptr));
+}
 
 int32_t LocalOffsetSeconds() {
   time_t now = ::time(nullptr);
@@ -43,8 +45,13 @@ LocalTime NowLocalTime() {
   tm local{};
   time_t secs = tv.tv_sec;
   localtime_r(&secs, &local);
-  return LocalTime{local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                   local.tm_min,         local.tm_sec,     static_cast<int>(tv.tv_usec / 1000)};
+  return LocalTime{local.tm_year + 1900,
+                   local.tm_mon + 1,
+                   local.tm_mday,
+                   local.tm_hour,
+                   local.tm_min,
+                   local.tm_sec,
+                   static_cast<int>(tv.tv_usec / 1000)};
 }
 
 }  // namespace platform

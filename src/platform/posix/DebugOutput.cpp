@@ -27,7 +27,9 @@ bool DebuggerAttached() {
 
 }  // namespace
 
-bool ConsoleOpen() { return true; }
+bool ConsoleOpen() {
+  return true;
+}
 
 void ConsoleWrite(WStringView text) {
   std::string bytes = WToUtf8(text);

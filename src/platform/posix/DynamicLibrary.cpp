@@ -13,7 +13,9 @@ void* LoadModuleFile(const WString& path, WString& error) {
   return h;
 }
 
-void* FindModuleSymbol(void* module, const char* name) { return module ? ::dlsym(module, name) : nullptr; }
+void* FindModuleSymbol(void* module, const char* name) {
+  return module ? ::dlsym(module, name) : nullptr;
+}
 
 void UnloadModuleFile(void* module) {
   if (module) ::dlclose(module);

@@ -15,6 +15,8 @@ bool SetEnv(WStringView name, WStringView value) {
   return ::setenv(WToUtf8(name).c_str(), WToUtf8(value).c_str(), 1) == 0;
 }
 
-bool UnsetEnv(WStringView name) { return ::unsetenv(WToUtf8(name).c_str()) == 0; }
+bool UnsetEnv(WStringView name) {
+  return ::unsetenv(WToUtf8(name).c_str()) == 0;
+}
 
 }  // namespace platform

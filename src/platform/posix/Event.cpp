@@ -17,7 +17,9 @@ struct NativeEvent::Impl {
 NativeEvent::NativeEvent() : m_impl(std::make_unique<Impl>()) {}
 NativeEvent::~NativeEvent() = default;
 
-bool NativeEvent::Valid() const { return m_impl != nullptr; }
+bool NativeEvent::Valid() const {
+  return m_impl != nullptr;
+}
 
 bool NativeEvent::Set() {
   {
@@ -42,8 +44,9 @@ bool NativeEvent::IsSet() {
 bool NativeEvent::WaitRealMicros(uint64_t micros) {
   // Waits in slices, so that a thread ended by force leaves its wait within one slice.
   constexpr uint64_t kSlice = 50000;
-  const auto deadline = micros == kInfiniteMicros ? std::chrono::steady_clock::time_point::max()
-                                                  : std::chrono::steady_clock::now() + std::chrono::microseconds(micros);
+  const auto deadline = micros == kInfiniteMicros
+                            ? std::chrono::steady_clock::time_point::max()
+                            : std::chrono::steady_clock::now() + std::chrono::microseconds(micros);
   std::unique_lock<std::mutex> lock(m_impl->mutex);
   for (;;) {
     if (m_impl->signalled) return true;

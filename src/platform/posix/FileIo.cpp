@@ -1,19 +1,20 @@
 #include "platform/FileIo.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <dirent.h>
-
 #include <cstdlib>
 
 namespace platform {
 
 namespace {
-std::string N(const WString& p) { return WToUtf8(p); }
+std::string N(const WString& p) {
+  return WToUtf8(p);
+}
 
 bool WriteAll(int fd, const void* data, size_t count) {
   const char* p = static_cast<const char*>(data);
@@ -31,17 +32,17 @@ bool WriteAll(int fd, const void* data, size_t count) {
 }  // namespace
 
 bool FileExists(const WString& path) {
-  struct stat st{};
+  struct stat st {};
   return ::stat(N(path).c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
 bool DirectoryExists(const WString& path) {
-  struct stat st{};
+  struct stat st {};
   return ::stat(N(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 bool FileLength(const WString& path, uint64_t& length) {
-  struct stat st{};
+  struct stat st {};
   if (::stat(N(path).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   length = static_cast<uint64_t>(st.st_size);
   return true;
@@ -94,9 +95,13 @@ bool AppendToFile(const WString& path, const void* data, size_t count) {
   return (::close(fd) == 0) && ok;
 }
 
-bool RemoveFilePath(const WString& path) { return ::unlink(N(path).c_str()) == 0; }
+bool RemoveFilePath(const WString& path) {
+  return ::unlink(N(path).c_str()) == 0;
+}
 
-bool RenamePath(const WString& from, const WString& to) { return ::rename(N(from).c_str(), N(to).c_str()) == 0; }
+bool RenamePath(const WString& from, const WString& to) {
+  return ::rename(N(from).c_str(), N(to).c_str()) == 0;
+}
 
 uint32_t CreateDirectoryError(const WString& path) {
   if (::mkdir(N(path).c_str(), 0777) == 0) return 0;
@@ -114,9 +119,13 @@ uint32_t CreateDirectoryError(const WString& path) {
   }
 }
 
-bool CreateDirectoryPath(const WString& path) { return ::mkdir(N(path).c_str(), 0777) == 0 || errno == EEXIST; }
+bool CreateDirectoryPath(const WString& path) {
+  return ::mkdir(N(path).c_str(), 0777) == 0 || errno == EEXIST;
+}
 
-bool RemoveDirectoryPath(const WString& path) { return ::rmdir(N(path).c_str()) == 0; }
+bool RemoveDirectoryPath(const WString& path) {
+  return ::rmdir(N(path).c_str()) == 0;
+}
 
 bool ListDirectory(const WString& path, std::vector<DirEntry>& entries) {
   entries.clear();
@@ -125,7 +134,7 @@ bool ListDirectory(const WString& path, std::vector<DirEntry>& entries) {
   while (dirent* e = ::readdir(d)) {
     std::string name = e->d_name;
     if (name == "." || name == "..") continue;
-    struct stat st{};
+    struct stat st {};
     bool dir = ::lstat((N(path) + "/" + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
     entries.push_back(DirEntry{WFromUtf8(name), dir});
   }

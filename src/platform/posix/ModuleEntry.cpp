@@ -3,7 +3,11 @@
 
 namespace {
 
-__attribute__((constructor)) void OnLoad() { EmOnProcessAttach(); }
-__attribute__((destructor)) void OnUnload() { EmOnProcessDetach(); }
+__attribute__((constructor)) void OnLoad() {
+  EmOnProcessAttach();
+}
+__attribute__((destructor)) void OnUnload() {
+  EmOnProcessDetach();
+}
 
 }  // namespace

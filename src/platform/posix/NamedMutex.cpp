@@ -43,7 +43,9 @@ struct NativeNamedMutex::Impl {
 };
 
 NativeNamedMutex::NativeNamedMutex() : m_impl(std::make_unique<Impl>()) {}
-NativeNamedMutex::~NativeNamedMutex() { Close(); }
+NativeNamedMutex::~NativeNamedMutex() {
+  Close();
+}
 
 bool NativeNamedMutex::Create(WStringView name) {
   Close();
@@ -62,7 +64,9 @@ bool NativeNamedMutex::Create(WStringView name) {
   return true;
 }
 
-bool NativeNamedMutex::Valid() const { return m_impl->lock != nullptr; }
+bool NativeNamedMutex::Valid() const {
+  return m_impl->lock != nullptr;
+}
 
 bool NativeNamedMutex::HeldByCurrentThread() const {
   return m_impl->lock && m_impl->owner.load() == CurrentThreadId();

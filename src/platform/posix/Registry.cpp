@@ -101,7 +101,8 @@ bool RegistryWriteString(WStringView path, WStringView name, WStringView value, 
 bool RegistryWriteDword(WStringView path, WStringView name, uint32_t d) {
   RegFile file = LoadForChange();
   RegFileKey& key = file.AddLocalMachineKey(path);
-  RegFileValue v{WString(name), RegType::Dword,
+  RegFileValue v{WString(name),
+                 RegType::Dword,
                  {static_cast<uint8_t>(d), static_cast<uint8_t>(d >> 8), static_cast<uint8_t>(d >> 16),
                   static_cast<uint8_t>(d >> 24)}};
   for (auto& old : key.values)

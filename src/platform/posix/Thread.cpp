@@ -67,7 +67,9 @@ void* Trampoline(void* p) {
 
 NativeThread::NativeThread() : m_impl(std::make_unique<Impl>()) {}
 
-NativeThread::~NativeThread() { Close(); }
+NativeThread::~NativeThread() {
+  Close();
+}
 
 bool NativeThread::Start(ThreadEntry entry, void* argument, int /*priority*/, bool suspended, size_t stackSize) {
   Close();
@@ -102,7 +104,9 @@ bool NativeThread::Resume() {
   return true;
 }
 
-bool NativeThread::HasHandle() const { return m_impl->joinable; }
+bool NativeThread::HasHandle() const {
+  return m_impl->joinable;
+}
 
 bool NativeThread::IsActive(bool* queryFailed) {
   if (queryFailed) *queryFailed = false;
@@ -134,11 +138,21 @@ void NativeThread::Close() {
   m_impl->joinable = false;
 }
 
-uint32_t NativeThread::Id() const { return m_impl->state ? m_impl->state->tid.load() : 0; }
+uint32_t NativeThread::Id() const {
+  return m_impl->state ? m_impl->state->tid.load() : 0;
+}
 
-uint32_t CurrentThreadId() { return static_cast<uint32_t>(::syscall(SYS_gettid)); }
-void YieldThread() { sched_yield(); }
-uint32_t GetLastErrorCode() { return static_cast<uint32_t>(errno); }
-void SetLastErrorCode(uint32_t code) { errno = static_cast<int>(code); }
+uint32_t CurrentThreadId() {
+  return static_cast<uint32_t>(::syscall(SYS_gettid));
+}
+void YieldThread() {
+  sched_yield();
+}
+uint32_t GetLastErrorCode() {
+  return static_cast<uint32_t>(errno);
+}
+void SetLastErrorCode(uint32_t code) {
+  errno = static_cast<int>(code);
+}
 
 }  // namespace platform

@@ -12,7 +12,8 @@ uint64_t MonotonicMicros() {
   }();
   LARGE_INTEGER now;
   QueryPerformanceCounter(&now);
-  return static_cast<uint64_t>(now.QuadPart / freq.QuadPart * 1000000 + (now.QuadPart % freq.QuadPart) * 1000000 / freq.QuadPart);
+  return static_cast<uint64_t>(now.QuadPart / freq.QuadPart * 1000000 +
+                               (now.QuadPart % freq.QuadPart) * 1000000 / freq.QuadPart);
 }
 
 int64_t UtcSeconds() {

@@ -11,9 +11,17 @@ struct NativeCriticalSection::Impl {
 NativeCriticalSection::NativeCriticalSection() : m_impl(std::make_unique<Impl>()) {
   InitializeCriticalSection(&m_impl->cs);
 }
-NativeCriticalSection::~NativeCriticalSection() { DeleteCriticalSection(&m_impl->cs); }
-void NativeCriticalSection::Enter() { EnterCriticalSection(&m_impl->cs); }
-bool NativeCriticalSection::TryEnter() { return TryEnterCriticalSection(&m_impl->cs) != 0; }
-void NativeCriticalSection::Leave() { LeaveCriticalSection(&m_impl->cs); }
+NativeCriticalSection::~NativeCriticalSection() {
+  DeleteCriticalSection(&m_impl->cs);
+}
+void NativeCriticalSection::Enter() {
+  EnterCriticalSection(&m_impl->cs);
+}
+bool NativeCriticalSection::TryEnter() {
+  return TryEnterCriticalSection(&m_impl->cs) != 0;
+}
+void NativeCriticalSection::Leave() {
+  LeaveCriticalSection(&m_impl->cs);
+}
 
 }  // namespace platform

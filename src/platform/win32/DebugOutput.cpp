@@ -23,6 +23,8 @@ void ConsoleWrite(WStringView text) {
   WriteConsoleW(g_console, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
-void DebuggerWrite(const char16_t* text) { OutputDebugStringW(reinterpret_cast<const wchar_t*>(text)); }
+void DebuggerWrite(const char16_t* text) {
+  OutputDebugStringW(reinterpret_cast<const wchar_t*>(text));
+}
 
 }  // namespace platform

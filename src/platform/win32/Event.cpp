@@ -17,14 +17,22 @@ NativeEvent::~NativeEvent() {
   if (m_impl->handle) CloseHandle(m_impl->handle);
 }
 
-bool NativeEvent::Valid() const { return m_impl->handle != nullptr; }
-bool NativeEvent::Set() { return m_impl->handle && SetEvent(m_impl->handle); }
-bool NativeEvent::Reset() { return m_impl->handle && ResetEvent(m_impl->handle); }
-bool NativeEvent::IsSet() { return m_impl->handle && WaitForSingleObject(m_impl->handle, 0) == WAIT_OBJECT_0; }
+bool NativeEvent::Valid() const {
+  return m_impl->handle != nullptr;
+}
+bool NativeEvent::Set() {
+  return m_impl->handle && SetEvent(m_impl->handle);
+}
+bool NativeEvent::Reset() {
+  return m_impl->handle && ResetEvent(m_impl->handle);
+}
+bool NativeEvent::IsSet() {
+  return m_impl->handle && WaitForSingleObject(m_impl->handle, 0) == WAIT_OBJECT_0;
+}
 
 bool NativeEvent::WaitRealMicros(uint64_t micros) {
   if (!m_impl->handle) return false;
-  DWORD ms = micros == kInfiniteMicros ? INFINITE
+  DWORD ms = micros == kInfiniteMicros        ? INFINITE
              : micros / 1000 >= 0xFFFFFFFEull ? 0xFFFFFFFEu
                                               : static_cast<DWORD>((micros + 999) / 1000);
   return WaitForSingleObject(m_impl->handle, ms) == WAIT_OBJECT_0;

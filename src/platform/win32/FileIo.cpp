@@ -85,7 +85,9 @@ bool AppendToFile(const WString& path, const void* data, size_t count) {
   return WriteTo(path, OPEN_ALWAYS, true, data, count);
 }
 
-bool RemoveFilePath(const WString& path) { return DeleteFileW(W32(path)) != 0; }
+bool RemoveFilePath(const WString& path) {
+  return DeleteFileW(W32(path)) != 0;
+}
 
 bool RenamePath(const WString& from, const WString& to) {
   return MoveFileExW(W32(from), W32(to), MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED) != 0;
@@ -100,7 +102,9 @@ bool CreateDirectoryPath(const WString& path) {
   return CreateDirectoryW(W32(path), nullptr) != 0 || GetLastError() == ERROR_ALREADY_EXISTS;
 }
 
-bool RemoveDirectoryPath(const WString& path) { return RemoveDirectoryW(W32(path)) != 0; }
+bool RemoveDirectoryPath(const WString& path) {
+  return RemoveDirectoryW(W32(path)) != 0;
+}
 
 bool ListDirectory(const WString& path, std::vector<DirEntry>& entries) {
   entries.clear();

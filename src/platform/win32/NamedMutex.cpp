@@ -11,7 +11,9 @@ struct NativeNamedMutex::Impl {
 };
 
 NativeNamedMutex::NativeNamedMutex() : m_impl(std::make_unique<Impl>()) {}
-NativeNamedMutex::~NativeNamedMutex() { Close(); }
+NativeNamedMutex::~NativeNamedMutex() {
+  Close();
+}
 
 bool NativeNamedMutex::Create(WStringView name) {
   Close();
@@ -20,8 +22,12 @@ bool NativeNamedMutex::Create(WStringView name) {
   return m_impl->handle != nullptr;
 }
 
-bool NativeNamedMutex::Valid() const { return m_impl->handle != nullptr; }
-bool NativeNamedMutex::HeldByCurrentThread() const { return m_impl->handle && m_impl->owner == GetCurrentThreadId(); }
+bool NativeNamedMutex::Valid() const {
+  return m_impl->handle != nullptr;
+}
+bool NativeNamedMutex::HeldByCurrentThread() const {
+  return m_impl->handle && m_impl->owner == GetCurrentThreadId();
+}
 
 bool NativeNamedMutex::Acquire(uint32_t realMs) {
   if (!m_impl->handle) return false;

@@ -56,7 +56,9 @@ class Win32RegistryKey : public RegistryKey {
 
 }  // namespace
 
-WString RegistryFilePath() { return WString(); }
+WString RegistryFilePath() {
+  return WString();
+}
 
 std::unique_ptr<RegistryKey> RegistryKey::OpenLocalMachine(WStringView path) {
   WString p(path);

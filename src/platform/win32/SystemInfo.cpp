@@ -41,9 +41,11 @@ bool CurrentProcessorNumber(uint32_t& number) {
   using CountFn = DWORD(WINAPI*)(WORD);
   using NumberExFn = void(WINAPI*)(PPROCESSOR_NUMBER);
   using NumberFn = DWORD(WINAPI*)();
-  auto groupCount = reinterpret_cast<GroupCountFn>(reinterpret_cast<void*>(GetProcAddress(k, "GetActiveProcessorGroupCount")));
+  auto groupCount =
+      reinterpret_cast<GroupCountFn>(reinterpret_cast<void*>(GetProcAddress(k, "GetActiveProcessorGroupCount")));
   auto count = reinterpret_cast<CountFn>(reinterpret_cast<void*>(GetProcAddress(k, "GetActiveProcessorCount")));
-  auto numberEx = reinterpret_cast<NumberExFn>(reinterpret_cast<void*>(GetProcAddress(k, "GetCurrentProcessorNumberEx")));
+  auto numberEx =
+      reinterpret_cast<NumberExFn>(reinterpret_cast<void*>(GetProcAddress(k, "GetCurrentProcessorNumberEx")));
   if (groupCount && count && numberEx) {
     PROCESSOR_NUMBER pn{};
     numberEx(&pn);
@@ -84,8 +86,8 @@ bool FormatIpv6Address(const uint8_t bytes[16], WString& text) {
   // The system's formatter lives in ntdll; looked up, since not every system has it.
   using Fn = wchar_t*(WINAPI*)(const void*, wchar_t*);
   HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-  auto fn = ntdll ? reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlIpv6AddressToStringW")))
-                  : nullptr;
+  auto fn =
+      ntdll ? reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlIpv6AddressToStringW"))) : nullptr;
   if (!fn) return false;
   wchar_t buf[64] = {0};
   fn(bytes, buf);

@@ -12,12 +12,15 @@ struct NativeThread::Impl {
 };
 
 NativeThread::NativeThread() : m_impl(std::make_unique<Impl>()) {}
-NativeThread::~NativeThread() { Close(); }
+NativeThread::~NativeThread() {
+  Close();
+}
 
 bool NativeThread::Start(ThreadEntry entry, void* argument, int priority, bool suspended, size_t stackSize) {
   Close();
-  uintptr_t h = _beginthreadex(nullptr, static_cast<unsigned>(stackSize), reinterpret_cast<_beginthreadex_proc_type>(entry),
-                               argument, CREATE_SUSPENDED, &m_impl->id);
+  uintptr_t h =
+      _beginthreadex(nullptr, static_cast<unsigned>(stackSize), reinterpret_cast<_beginthreadex_proc_type>(entry),
+                     argument, CREATE_SUSPENDED, &m_impl->id);
   if (!h) {
     m_lastError = GetLastError();
     return false;
@@ -31,9 +34,13 @@ bool NativeThread::Start(ThreadEntry entry, void* argument, int priority, bool s
   return true;
 }
 
-bool NativeThread::Resume() { return m_impl->handle && ResumeThread(m_impl->handle) != static_cast<DWORD>(-1); }
+bool NativeThread::Resume() {
+  return m_impl->handle && ResumeThread(m_impl->handle) != static_cast<DWORD>(-1);
+}
 
-bool NativeThread::HasHandle() const { return m_impl->handle != nullptr; }
+bool NativeThread::HasHandle() const {
+  return m_impl->handle != nullptr;
+}
 
 bool NativeThread::IsActive(bool* queryFailed) {
   if (queryFailed) *queryFailed = false;
@@ -52,7 +59,7 @@ bool NativeThread::IsActive(bool* queryFailed) {
 
 bool NativeThread::WaitRealMicros(uint64_t micros) {
   if (!m_impl->handle) return true;
-  DWORD ms = micros == kInfiniteMicros ? INFINITE
+  DWORD ms = micros == kInfiniteMicros        ? INFINITE
              : micros / 1000 >= 0xFFFFFFFEull ? 0xFFFFFFFEu
                                               : static_cast<DWORD>((micros + 999) / 1000);
   return WaitForSingleObject(m_impl->handle, ms) == WAIT_OBJECT_0;
@@ -72,14 +79,24 @@ void NativeThread::Close() {
   m_impl->handle = nullptr;
 }
 
-uint32_t NativeThread::Id() const { return m_impl->id; }
+uint32_t NativeThread::Id() const {
+  return m_impl->id;
+}
 
 // Windows ends threads by force with the system's own call; nothing is thrown here.
 void ThrowIfKilled() {}
 
-uint32_t CurrentThreadId() { return GetCurrentThreadId(); }
-void YieldThread() { Sleep(0); }
-uint32_t GetLastErrorCode() { return GetLastError(); }
-void SetLastErrorCode(uint32_t code) { SetLastError(code); }
+uint32_t CurrentThreadId() {
+  return GetCurrentThreadId();
+}
+void YieldThread() {
+  Sleep(0);
+}
+uint32_t GetLastErrorCode() {
+  return GetLastError();
+}
+void SetLastErrorCode(uint32_t code) {
+  SetLastError(code);
+}
 
 }  // namespace platform

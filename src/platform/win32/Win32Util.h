@@ -7,7 +7,11 @@
 
 namespace platform {
 
-inline const wchar_t* W32(const WString& s) { return reinterpret_cast<const wchar_t*>(s.c_str()); }
-inline const char16_t* U16(const wchar_t* s) { return reinterpret_cast<const char16_t*>(s); }
+inline const wchar_t* W32(const WString& s) {
+  return reinterpret_cast<const wchar_t*>(s.c_str());
+}
+inline const char16_t* U16(const wchar_t* s) {
+  return reinterpret_cast<const char16_t*>(s);
+}
 
 }  // namespace platform
