@@ -147,6 +147,15 @@ bool RegLocalMachineSubPath(WStringView full, WString& sub) {
   return false;
 }
 
+void RegFileKey::SetValue(const RegFileValue& value) {
+  for (auto& old : values)
+    if (WEqualsNoCase(old.name, value.name)) {
+      old = value;
+      return;
+    }
+  values.push_back(value);
+}
+
 RegFileKey* RegFile::FindLocalMachineKey(WStringView path) {
   WString want(path);
   while (!want.empty() && want.back() == u'\\') want.pop_back();
@@ -245,13 +254,7 @@ bool ParseRegFile(const std::string& bytes, RegFile& file) {
       continue;
     }
     if (!ParseValueData(data, v)) continue;
-    bool replaced = false;
-    for (auto& old : current->values)
-      if (WEqualsNoCase(old.name, v.name)) {
-        old = v;
-        replaced = true;
-      }
-    if (!replaced) current->values.push_back(v);
+    current->SetValue(v);
   }
   return true;
 }

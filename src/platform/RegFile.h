@@ -21,6 +21,9 @@ struct RegFileValue {
 struct RegFileKey {
   WString path;  // full path as written, e.g. HKEY_LOCAL_MACHINE\SOFTWARE\Debug
   std::vector<RegFileValue> values;
+
+  // Replaces the value of the same name (compared without case) or appends it.
+  void SetValue(const RegFileValue& value);
 };
 
 struct RegFile {

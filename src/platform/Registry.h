@@ -30,9 +30,10 @@ class RegistryKey {
   static std::unique_ptr<RegistryKey> OpenLocalMachine(WStringView path);
 
   // A string or expandable string; expandable ones come back expanded from the environment.
-  virtual bool ReadString(WStringView name, WString& value) = 0;
+  bool ReadString(WStringView name, WString& value);
   // A four-byte number.
-  virtual bool ReadDword(WStringView name, uint32_t& value) = 0;
+  bool ReadDword(WStringView name, uint32_t& value);
+  // The value as stored: its type and bytes (strings UTF-16LE with their terminator).
   virtual bool ReadRaw(WStringView name, RegType& type, std::vector<uint8_t>& data) = 0;
 };
 

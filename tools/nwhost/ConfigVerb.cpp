@@ -109,18 +109,8 @@ int NwhostConfigVerb(int argc, char** argv) {
     return Usage();
   }
 
-  if (!registry.empty()) {
-    std::string error;
-    if (!PrepareRegistry(registry, error)) {
-      std::fprintf(stderr, "nwhost: %s\n", error.c_str());
-      return 1;
-    }
-  }
   ModuleHost host(options);
-  if (!host.Start()) {
-    std::fprintf(stderr, "nwhost: %s\n", host.LastError().c_str());
-    return 1;
-  }
+  if (!PrepareAndStart(registry, host)) return 1;
   const uint32_t cabinet = options.setCabinet ? options.cabinet : 0;
   int status = 0;
   if (action == "list") {

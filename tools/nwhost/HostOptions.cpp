@@ -102,3 +102,16 @@ int ParseHostOption(int argc, char** argv, int& i, ModuleHost::Options& options,
   }
   return 0;
 }
+
+bool PrepareAndStart(const std::string& registry, ModuleHost& host) {
+  std::string error;
+  if (!registry.empty() && !PrepareRegistry(registry, error)) {
+    std::fprintf(stderr, "nwhost: %s\n", error.c_str());
+    return false;
+  }
+  if (!host.Start()) {
+    std::fprintf(stderr, "nwhost: %s\n", host.LastError().c_str());
+    return false;
+  }
+  return true;
+}

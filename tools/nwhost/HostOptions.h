@@ -9,6 +9,10 @@
 // the registry; on Windows its keys below HKEY_LOCAL_MACHINE are written into the registry.
 bool PrepareRegistry(const std::string& path, std::string& error);
 
+// Prepares the registry (when a file is named) and starts the module in the host's order. False,
+// with the reason on standard error, when either fails.
+bool PrepareAndStart(const std::string& registry, ModuleHost& host);
+
 // Parses --module PATH, --cabinet N, --no-cabinet and --registry FILE at argv[i]. Returns 1 when
 // it took the option (i then stands on its last word), 0 when the word is no host option, -1 for
 // a host option with a bad value.

@@ -256,19 +256,8 @@ int NwhostScriptVerb(int argc, char** argv) {
   _setmode(_fileno(stdout), _O_BINARY);
 #endif
 
-  if (!registry.empty()) {
-    std::string error;
-    if (!PrepareRegistry(registry, error)) {
-      std::fprintf(stderr, "nwhost: %s\n", error.c_str());
-      return 1;
-    }
-  }
-
   ModuleHost host(options);
-  if (!host.Start()) {
-    std::fprintf(stderr, "nwhost: %s\n", host.LastError().c_str());
-    return 1;
-  }
+  if (!PrepareAndStart(registry, host)) return 1;
   {
     ScriptRunner runner(host);
     runner.Run(std::cin);

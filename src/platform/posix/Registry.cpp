@@ -22,28 +22,6 @@ class FileRegistryKey : public RegistryKey {
     }
     return false;
   }
-  bool ReadString(WStringView name, WString& value) override {
-    RegType type;
-    std::vector<uint8_t> data;
-    if (!ReadRaw(name, type, data)) return false;
-    if (type == RegType::String) {
-      value = RegDataString(data);
-      return true;
-    }
-    if (type == RegType::ExpandString) {
-      value = ExpandEnvironment(RegDataString(data));
-      return true;
-    }
-    return false;
-  }
-  bool ReadDword(WStringView name, uint32_t& value) override {
-    RegType type;
-    std::vector<uint8_t> data;
-    if (!ReadRaw(name, type, data) || data.size() < 4) return false;
-    if (type != RegType::Dword && type != RegType::Binary) return false;
-    value = data[0] | (data[1] << 8) | (data[2] << 16) | (static_cast<uint32_t>(data[3]) << 24);
-    return true;
-  }
 
  private:
   RegFileKey m_key;
@@ -85,33 +63,24 @@ std::unique_ptr<RegistryKey> RegistryKey::OpenLocalMachine(WStringView path) {
   return std::make_unique<FileRegistryKey>(*key);
 }
 
-bool RegistryWriteString(WStringView path, WStringView name, WStringView value, bool expandable) {
+namespace {
+// Loads the file (or starts a new one), sets one value and writes the file back.
+bool PutValue(WStringView path, const RegFileValue& value) {
   RegFile file = LoadForChange();
-  RegFileKey& key = file.AddLocalMachineKey(path);
-  RegFileValue v{WString(name), expandable ? RegType::ExpandString : RegType::String, RegStringData(value)};
-  for (auto& old : key.values)
-    if (WEqualsNoCase(old.name, name)) {
-      old = v;
-      return SaveRegFile(file);
-    }
-  key.values.push_back(v);
+  file.AddLocalMachineKey(path).SetValue(value);
   return SaveRegFile(file);
+}
+}  // namespace
+
+bool RegistryWriteString(WStringView path, WStringView name, WStringView value, bool expandable) {
+  return PutValue(path, {WString(name), expandable ? RegType::ExpandString : RegType::String, RegStringData(value)});
 }
 
 bool RegistryWriteDword(WStringView path, WStringView name, uint32_t d) {
-  RegFile file = LoadForChange();
-  RegFileKey& key = file.AddLocalMachineKey(path);
-  RegFileValue v{WString(name),
-                 RegType::Dword,
-                 {static_cast<uint8_t>(d), static_cast<uint8_t>(d >> 8), static_cast<uint8_t>(d >> 16),
-                  static_cast<uint8_t>(d >> 24)}};
-  for (auto& old : key.values)
-    if (WEqualsNoCase(old.name, name)) {
-      old = v;
-      return SaveRegFile(file);
-    }
-  key.values.push_back(v);
-  return SaveRegFile(file);
+  return PutValue(path, {WString(name),
+                         RegType::Dword,
+                         {static_cast<uint8_t>(d), static_cast<uint8_t>(d >> 8), static_cast<uint8_t>(d >> 16),
+                          static_cast<uint8_t>(d >> 24)}});
 }
 
 bool RegistryDeleteValue(WStringView path, WStringView name) {

@@ -1,6 +1,5 @@
 #include "platform/Registry.h"
 
-#include "platform/Environment.h"
 #include "platform/win32/Win32Util.h"
 
 namespace platform {
@@ -20,33 +19,6 @@ class Win32RegistryKey : public RegistryKey {
     if (RegQueryValueExW(m_key, W32(n), nullptr, &t, data.data(), &size) != ERROR_SUCCESS) return false;
     data.resize(size);
     type = static_cast<RegType>(t);
-    return true;
-  }
-  bool ReadString(WStringView name, WString& value) override {
-    RegType type;
-    std::vector<uint8_t> data;
-    if (!ReadRaw(name, type, data)) return false;
-    WString s;
-    for (size_t i = 0; i + 1 < data.size(); i += 2) {
-      char16_t c = static_cast<char16_t>(data[i] | (data[i + 1] << 8));
-      if (!c) break;
-      s.push_back(c);
-    }
-    if (type == RegType::String) {
-      value = s;
-      return true;
-    }
-    if (type == RegType::ExpandString) {
-      value = ExpandEnvironment(s);
-      return true;
-    }
-    return false;
-  }
-  bool ReadDword(WStringView name, uint32_t& value) override {
-    RegType type;
-    std::vector<uint8_t> data;
-    if (!ReadRaw(name, type, data) || data.size() < 4) return false;
-    value = data[0] | (data[1] << 8) | (data[2] << 16) | (static_cast<uint32_t>(data[3]) << 24);
     return true;
   }
 
