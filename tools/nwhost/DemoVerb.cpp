@@ -1,10 +1,12 @@
 // nwhost demo: a short run for people. It loads the module as the agent does, shows what the
-// module reports about itself, sends it two requests and shows the answers, then shuts it down.
+// module reports about itself, sends it two requests and shows the answers, reads its update
+// settings, then shuts it down.
 #include <chrono>
 #include <cstdio>
 #include <string>
 #include <thread>
 
+#include "config/UM_Config.h"
 #include "module/Opcodes.h"
 #include "tests/support/JsonMessage.h"
 #include "tests/support/ModuleHost.h"
@@ -53,6 +55,27 @@ void ShowRequest(ModuleHost& host, const char* title, uint32_t opcode) {
   Row("data length", std::to_string(GetDataLength(message, 0)) + " bytes");
 }
 
+// The update settings as a requester reads them (CM_ReadConfigurationSpace); passwords masked.
+void ShowSettings(ModuleHost& host) {
+  std::printf("\nUpdate settings (CM_ReadConfigurationSpace, 0xE001)\n");
+  for (const auto& s : UM_Config::Settings()) {
+    if (!UM_Config::isMyRequest(s.oe)) continue;
+    RequestMessage message;
+    ConstructRequest(message, 0xE001, s.oe, 0, 0, ST_NONE);
+    host.Request(message);
+    std::string value;
+    WString text;
+    uint32_t number = 0;
+    if (GetCommandValue(message, 0, kKeyST, ST_ABSENT) != ST_OK)
+      value = std::string("(") + StatusName(message) + ")";
+    else if (GetDataType(message, 0) == kMessageTypeString && GetDataString(message, 0, text, 0))
+      value = s.kind == UM_Config::Kind::Password && !text.empty() ? "********" : WToUtf8(text);
+    else if (GetDataValue(message, 0, number))
+      value = std::to_string(number);
+    Row(WToUtf8(s.name).c_str(), value);
+  }
+}
+
 }  // namespace
 
 int NwhostDemoVerb(int argc, char** argv) {
@@ -90,6 +113,7 @@ int NwhostDemoVerb(int argc, char** argv) {
 
   ShowRequest(host, "Server start check (CM_UmServerStartCheck)", CM_UmServerStartCheck);
   ShowRequest(host, "An opcode the module does not know", 0xE003);
+  ShowSettings(host);
 
   // Whatever the module posts in reaction within a moment is shown as it arrived.
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
