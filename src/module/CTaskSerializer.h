@@ -3,6 +3,7 @@
 // first.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -63,5 +64,5 @@ class CTaskSerializer {
   CThread m_worker;
   size_t m_stackSize = 0;
   uint32_t m_levelCount;
-  volatile uint32_t m_terminate = 0;
+  std::atomic<uint32_t> m_terminate{0};  // set before the wake event, read by the worker
 };

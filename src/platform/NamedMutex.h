@@ -25,6 +25,7 @@ class NativeNamedMutex {
   void Close();
 
  private:
+  void ReleaseInProcess();
   struct Impl;
   std::unique_ptr<Impl> m_impl;
 };

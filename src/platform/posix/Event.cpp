@@ -53,8 +53,9 @@ bool NativeEvent::WaitRealMicros(uint64_t micros) {
     auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return false;
     auto slice = std::chrono::microseconds(kSlice);
-    auto until = deadline - now < slice ? deadline : now + slice;
-    m_impl->cond.wait_until(lock, until);
+    if (deadline - now < slice) slice = std::chrono::duration_cast<std::chrono::microseconds>(deadline - now);
+    // A slice on the system clock: its wait is the plain timed wait of the thread library.
+    m_impl->cond.wait_until(lock, std::chrono::system_clock::now() + slice);
     if (!m_impl->signalled) {
       lock.unlock();
       ThrowIfKilled();

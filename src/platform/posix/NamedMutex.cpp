@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -23,7 +24,9 @@ namespace {
 // One in-process lock per name, so that two objects of the same name in one process exclude each
 // other as the system's named mutexes do.
 struct NameLock {
-  std::timed_mutex mutex;
+  std::mutex mutex;
+  std::condition_variable released;
+  bool held = false;
   int fd = -1;
 };
 
@@ -78,12 +81,17 @@ bool NativeNamedMutex::Acquire(uint32_t realMs) {
     ++m_impl->depth;
     return true;
   }
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(realMs);
-  if (!m_impl->lock->mutex.try_lock_until(deadline)) return false;
-  if (m_impl->lock->fd >= 0) {
-    while (::flock(m_impl->lock->fd, LOCK_EX | LOCK_NB) != 0) {
-      if (std::chrono::steady_clock::now() >= deadline) {
-        m_impl->lock->mutex.unlock();
+  NameLock& lock = *m_impl->lock;
+  const auto deadline = std::chrono::system_clock::now() + std::chrono::milliseconds(realMs);
+  {
+    std::unique_lock<std::mutex> guard(lock.mutex);
+    if (!lock.released.wait_until(guard, deadline, [&] { return !lock.held; })) return false;
+    lock.held = true;
+  }
+  if (lock.fd >= 0) {
+    while (::flock(lock.fd, LOCK_EX | LOCK_NB) != 0) {
+      if (std::chrono::system_clock::now() >= deadline) {
+        ReleaseInProcess();
         return false;
       }
       SleepRealMicros(1000);
@@ -99,7 +107,15 @@ void NativeNamedMutex::Release() {
   if (--m_impl->depth > 0) return;
   m_impl->owner = 0;
   if (m_impl->lock->fd >= 0) ::flock(m_impl->lock->fd, LOCK_UN);
-  m_impl->lock->mutex.unlock();
+  ReleaseInProcess();
+}
+
+void NativeNamedMutex::ReleaseInProcess() {
+  {
+    std::lock_guard<std::mutex> guard(m_impl->lock->mutex);
+    m_impl->lock->held = false;
+  }
+  m_impl->lock->released.notify_one();
 }
 
 void NativeNamedMutex::Close() {

@@ -126,7 +126,11 @@ bool NativeThread::Terminate(uint32_t /*exitCode*/) {
   if (!m_impl->joinable) return true;
   m_impl->state->killed = true;
   Resume();  // a suspended thread must run to end
-  return true;
+  // The thread leaves at its next wait or sleep, which run in slices of 50 ms; a thread that does
+  // not end within a second is busy elsewhere and could not be killed.
+  if (m_impl->state->done.WaitRealMicros(1000000)) return true;
+  m_lastError = ETIMEDOUT;
+  return false;
 }
 
 void NativeThread::Close() {

@@ -44,6 +44,8 @@ void NativeNamedMutex::Release() {
   ReleaseMutex(m_impl->handle);
 }
 
+void NativeNamedMutex::ReleaseInProcess() {}
+
 void NativeNamedMutex::Close() {
   while (HeldByCurrentThread()) Release();
   if (m_impl->handle) CloseHandle(m_impl->handle);
