@@ -10,6 +10,7 @@ packages=(
   g++-mingw-w64-x86-64 wine wine64
   zip unzip libxml2-utils xsltproc w3c-sgml-lib
   clang-format python3 libgnutls30
+  rsyslog
 )
 
 missing=()

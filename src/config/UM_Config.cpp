@@ -14,6 +14,7 @@ namespace {
 
 constexpr uint32_t kReadConfigurationSpace = 0xE001;
 constexpr uint32_t kWriteConfigurationSpace = 0xE002;
+constexpr uint32_t kSetRepositoryAccessqLTX = 0x33A8;
 constexpr uint32_t kOeRepositoryPath = 6720;
 constexpr uint32_t kOeRepositoryAccess = 6721;
 constexpr uint32_t kOeUnassigned = 6735;  // inside the accepted range, but no setting
@@ -181,11 +182,12 @@ void UM_Config::CheckRepositoryAtStart() {
         repositoryPath = defaultRepositoryPath;
       }
       return;
-    case CQVV_UpdRepositoryRemote:
-      // Connecting the share comes with repository access; until then the mode is only traced.
-      TRACE(2, u"\nUM_Config::UM_Config()\t: remote repository %s, user %s", repositoryPath.c_str(),
-            remoteUserId.c_str());
+    case CQVV_UpdRepositoryRemote: {
+      const int rc = uncConnect();
+      if (rc != 0)
+        TRACE(1, u"\nUM_Config::UM_Config()\t: >>>>ERROR: uncConnect(%s) returns %d", repositoryPath.c_str(), rc);
       return;
+    }
     case CQVV_UpdRepositoryLocalRO:
     case CQVV_UpdRepositoryVolume:
       if (!IsDirectory(repositoryPath))
@@ -316,6 +318,7 @@ int UM_Config::request(RequestMessage& m) {
     cabinetNumber = cabinet;
     configRead = Start() ? 1 : 0;
   }
+  if (oc == kSetRepositoryAccessqLTX) return SetRepositoryAccessqLTX(m);
   MessageValue& command = GetCurrentCommand(m);
   if (oc != kReadConfigurationSpace && oc != kWriteConfigurationSpace) {
     SetDataNumber(m, command, 1, 1);

@@ -66,6 +66,26 @@ class UM_Config {
   int setScheduleDate(uint32_t newTime);
   int getMailAlertEnabledFlag();
 
+  // Repository access: a remote share connected with the stored credentials, or a volume handed
+  // in by the management controller, found by its label and used for one check.
+  //
+  // Connects repositoryPath with remoteUserId and remotePasswd.
+  int uncConnect();
+  // 0 connected or already assigned, -1 failure, -2 conflicting credentials. Failures go to the
+  // check log.
+  int uncConnect(const WString& share, const WString& user, const WString& password);
+  // Whether a mount path of the volume carries the label: 0 done (mountPoint empty unless found),
+  // 1 out of memory, 2 the system could not list the volume's mount paths.
+  static int IsMyVolumeLabel(const WString& volumeName, const WString& label, WString& mountPoint);
+  // The mount point of the volume with the label: 0 found, 1 no volume list, 2 bad volume name,
+  // 3 device query failed, 4 list ended without a match.
+  static int GetMountPoint(const WString& label, WString& mountPoint);
+  // Looks for the volume in three rounds of two seconds and points the repository at its
+  // "zentrove" directory with access mode 3. True if the repository now points there.
+  bool SetRepositoryPathqLTX(const WString& label);
+  // Back to a local repository (mode 1) without a path, after a check from a volume.
+  bool resetRepositoryAccess();
+
   // The fall-back text form of a 16-byte address, for systems without their own formatter.
   static WString FormatIpv6Fallback(const uint8_t bytes[16]);
 
@@ -86,6 +106,8 @@ class UM_Config {
 
  private:
   void CheckRepositoryAtStart();
+  int SetRepositoryAccessqLTX(RequestMessage& message);
+  bool WriteOwnSetting(uint32_t oe, const WString* text, uint8_t byte, const char16_t* caller);
   void ReadSetting(const Setting& s);
   void AnswerSetting(RequestMessage& message, const Setting& s);
   void WriteSetting(RequestMessage& message, const Setting& s);

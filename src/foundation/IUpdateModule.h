@@ -21,6 +21,9 @@ class IUpdateModule {
   // A synchronous request to the host; without a host ST becomes 6.
   virtual void SendHostRequest(RequestMessage* message) = 0;
   virtual int getMailAlertEnabledFlag() = 0;
+  // An alert record to the host, sent only when the alert setting of its kind is on. 0, or -1 for
+  // a message number the module does not know.
+  virtual int sendAlert(uint32_t msgNumber, int numberArgs, const WString* args) = 0;
   // Waited on and reset by the transfer code, set by nobody: a plain sleep.
   virtual CEvent& SpareEvent() = 0;
   // Set when a check has ended; the job code waits on it.

@@ -34,6 +34,10 @@ class CUpdateExtensionModule : public CExtensionModule, public CTaskSerializer, 
   uint32_t GetSwitchShutDownFlag() override;
   virtual DiffComponentInfo* getDiffComponentInfo(WString componentPath);
   int getMailAlertEnabledFlag() override;
+  // Alert numbers: 0x290000/0x290001 (new components, tree update failed) under the setting for
+  // new updates; 0x290010..0x290013 (job ok, flashing, download, preparing failed) under the
+  // setting for finished jobs.
+  int sendAlert(uint32_t msgNumber, int numberArgs, const WString* args) override;
 
   void OnTaskExecution(RequestMessage* message, uint32_t level) override;
 

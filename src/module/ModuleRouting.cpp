@@ -1,19 +1,47 @@
 // Routing of the host's requests and replies, and the module's own traffic towards the host.
+#include <vector>
+
 #include "config/UM_Config.h"
 #include "foundation/CDebug.h"
+#include "module/CLogMsgArguments.h"
 #include "module/CUpdateExtensionModule.h"
 #include "module/IModuleHost.h"
 #include "module/Opcodes.h"
+#include "platform/Clock.h"
 
 namespace {
 
-int TraceInt(uint32_t v) { return static_cast<int>(v); }
+int TraceInt(uint32_t v) {
+  return static_cast<int>(v);
+}
 
 // An opcode this module does not serve: ST 1, result 0, nothing else changes.
 int AnswerUnknown(RequestMessage& m) {
   SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_DENIED, false);
   return 0;
 }
+
+// The alerts the module knows: which setting lets them out, how grave the host should take them,
+// and the trace line that says one goes out.
+struct AlertKind {
+  uint32_t number;
+  bool jobFinished;  // gated by the setting for finished jobs, else by the one for new updates
+  uint8_t severity;
+  const char16_t* trace;
+};
+
+// 0x290011 (flashing failed) goes out with severity 0 although its sibling 0x290013 has 2: that is
+// the value the host receives for it.
+constexpr AlertKind kAlertKinds[] = {
+    {0x290000, false, 0, u"send UpdManagerAlert new components available"},
+    {0x290001, false, 2, u"send UpdManagerAlert %update repository tree failed"},
+    {0x290010, true, 0, u"send UpdManagerAlert updatejob ok"},
+    {0x290011, true, 0, u"send UpdManagerAlert updatejob failed"},
+    {0x290012, true, 2, u"send UpdManagerAlert download failed for updatejob"},
+    {0x290013, true, 2, u"send UpdManagerAlert updatejob failed"},
+};
+
+constexpr uint8_t kAlertPlatform = 4;
 
 }  // namespace
 
@@ -101,7 +129,8 @@ void CUpdateExtensionModule::ApplicationReply(RequestMessage* message) {
     // Only a changed inventory (states 2 and 3) concerns the check, and only once it exists.
     if (!m_scheduler || !m_check || (scanState != 2 && scanState != 3)) return;
     TRACE(3, u"EM_MENDER (REPLY)    : END \n");
-  } EM_CATCH_THREAD_CANCEL catch (...) {
+  }
+  EM_CATCH_THREAD_CANCEL catch (...) {
     TRACE(1, u"EM_MENDER (REPLY)    : ERROR! Exception in ApplicationReply()\n");
   }
 }
@@ -120,4 +149,44 @@ void CUpdateExtensionModule::SendHostRequest(RequestMessage* message) {
   } else {
     SetCommandValue(*message, GetCurrentCommand(*message), kKeyST, ST_FAILED, false);
   }
+}
+
+int CUpdateExtensionModule::sendAlert(uint32_t msgNumber, int numberArgs, const WString* args) {
+  RequestMessage message;
+  ResetMessage(message);
+  if (!args || numberArgs < 0) numberArgs = 0;
+  TRACE(3, u"CUpdateExtensionModule::sendAlert\t: START, msgNumber=%X, numberArgs=%d\n", msgNumber, numberArgs);
+  for (int i = 0; i < numberArgs; ++i)
+    TRACE(3, u"CUpdateExtensionModule::sendAlert\t: arg[%d]=%s\n", i, args[i].c_str());
+
+  // Without the settings component every alert is off.
+  const uint8_t alertNewUpdates = m_config ? m_config->alertNewUpdates : 0;
+  const uint8_t alertJobFinished = m_config ? m_config->alertJobFinished : 0;
+  const AlertKind* kind = nullptr;
+  for (const AlertKind& k : kAlertKinds)
+    if (k.number == msgNumber) kind = &k;
+  if (!kind) {
+    TRACE(1, u"CUpdateExtensionModule::sendAlert\t: >>>>>>>ERROR: unsupported message\n");
+    return -1;
+  }
+  if ((kind->jobFinished ? alertJobFinished : alertNewUpdates) == 0) return 0;
+  // The text goes through "%s": the one of 0x290001 holds a "%u" that is no conversion.
+  TRACE(1, u"%s\n", kind->trace);
+
+  const std::vector<WString> arguments(args, args + numberArgs);
+  const uint32_t now = platform::LocalClockSeconds();
+  TRACE(3,
+        u"CUpdateExtensionModule::sendAlert\t: create 'CLogMsgArguments "
+        u"(platform=%d,msgNo=%X,time=%d,severity=%d,0,FALSE)'\n",
+        static_cast<int>(kAlertPlatform), msgNumber, static_cast<int>(now), static_cast<int>(kind->severity));
+  CLogMsgArguments record(kAlertPlatform, msgNumber, now, kind->severity, 0, false);
+  for (const WString& argument : arguments) record.AddArgument(argument);
+
+  MessageValue& command = GetCurrentCommand(message);
+  InitCommand(message, command, CM_UmAlert, 0, 0);
+  SetDataBytes(message, command, record.Bytes().data(), record.Bytes().size());
+  MessageRemoveMember(command, kKeyST);
+  SendEvent(&message);
+  TRACE(3, u"CUpdateExtensionModule::sendAlert\t: END, msgNumber=%X, returns %d\n", msgNumber, 0);
+  return 0;
 }

@@ -26,6 +26,7 @@ class FakeModule : public IUpdateModule {
   void SendEvent(RequestMessage*) override {}
   void SendHostRequest(RequestMessage*) override {}
   int getMailAlertEnabledFlag() override { return 0; }
+  int sendAlert(uint32_t, int, const WString*) override { return 0; }
   CEvent& SpareEvent() override { return spare; }
   CEvent& PollingLoopCheckDone() override { return done; }
   bool cabinetKnown = true;
@@ -150,7 +151,7 @@ TEST_F(UMConfigTest, StartWaitsForTheCabinetAndMailAlertNeedsBothFlags) {
   Write(c, 6734, 1);
   EXPECT_EQ(c.getMailAlertEnabledFlag(), 4);
   // Any other opcode is refused with the number 1 as data.
-  ConstructRequest(m, 0x33A8, 0, 0, 0, ST_NONE);
+  ConstructRequest(m, 0x3331, 0, 0, 0, ST_NONE);
   EXPECT_EQ(c.request(m), 0);
   EXPECT_EQ(GetCommandValue(m, 0, kKeyST, 0), ST_DENIED);
   uint32_t data = 0;
