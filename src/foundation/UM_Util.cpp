@@ -12,7 +12,9 @@ namespace {
 
 const char16_t kModuleDirName[] = u"EM_MENDER";
 
-bool PathIsDirectory(const WString& path) { return !path.empty() && platform::DirectoryExists(path); }
+bool PathIsDirectory(const WString& path) {
+  return !path.empty() && platform::DirectoryExists(path);
+}
 
 // Calendar fields of a LocalClockSeconds value, with no further zone arithmetic.
 struct Fields {
@@ -148,8 +150,8 @@ void UM_Util::umLogWrite(const WString& text, bool withDate) {
 void UM_Util::umLogError(const WString& text) {
   if (!umLoggingActive()) return;
   platform::LocalTime t = platform::NowLocalTime();
-  WriteLogLine(
-      WFormat(u"%2d:%2d:%2d\t%s: %s%s\n", t.hour, t.minute, t.second, m_logPrefix.c_str(), u">>>>ERROR\t", text.c_str()));
+  WriteLogLine(WFormat(u"%2d:%2d:%2d\t%s: %s%s\n", t.hour, t.minute, t.second, m_logPrefix.c_str(), u">>>>ERROR\t",
+                       text.c_str()));
 }
 
 void UM_Util::umEndLogging() {

@@ -1,9 +1,9 @@
 #include "module/CExtensionModule.h"
 
 #include "foundation/CDebug.h"
-#include "module/IModuleHost.h"
 #include "foundation/RequestMessage.h"
 #include "foundation/SysLog.h"
+#include "module/IModuleHost.h"
 
 std::atomic<uint32_t> CExtensionModule::s_cabinetNumber{0};
 std::atomic<uint8_t> CExtensionModule::s_cabinetSet{0};
@@ -13,7 +13,9 @@ void CExtensionModule::ResetServerCabinet() {
   s_cabinetSet = 0;
 }
 
-int CExtensionModule::GetProperties(ModuleProperties* /*properties*/) { return 0; }
+int CExtensionModule::GetProperties(ModuleProperties* /*properties*/) {
+  return 0;
+}
 
 int CExtensionModule::StartModule(IModuleHost* host, uint32_t identifier) {
   m_host = host;

@@ -109,7 +109,9 @@ DiffComponentInfo* CUpdateExtensionModule::getDiffComponentInfo(WString /*compon
   return nullptr;
 }
 
-int CUpdateExtensionModule::getMailAlertEnabledFlag() { return m_config ? m_config->getMailAlertEnabledFlag() : 0; }
+int CUpdateExtensionModule::getMailAlertEnabledFlag() {
+  return m_config ? m_config->getMailAlertEnabledFlag() : 0;
+}
 
 void CUpdateExtensionModule::OnTaskExecution(RequestMessage* message, uint32_t /*level*/) {
   if (!g_Debug.IsActive()) return;

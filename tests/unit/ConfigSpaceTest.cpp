@@ -47,15 +47,6 @@ uint32_t DataNumber(const RequestMessage& message) {
   return value;
 }
 
-std::string Utf16(const std::u16string& text) {
-  std::string out("\xFF\xFE", 2);
-  for (char16_t c : text) {
-    out.push_back(static_cast<char>(c & 0xFF));
-    out.push_back(static_cast<char>(c >> 8));
-  }
-  return out;
-}
-
 class ConfigSpace : public ::testing::Test {
  protected:
   ConfigSpace() : m_registry(u"configspace") {}
@@ -76,7 +67,7 @@ class ConfigSpace : public ::testing::Test {
   }
   WString Common() const { return m_dir + kPathSeparator + u"CommonConfig.ccs"; }
   void PutDefaults(const WString& dir, const std::u16string& text) {
-    const std::string bytes = Utf16(text);
+    const std::string bytes = Utf16LeWithMark(text);
     ASSERT_TRUE(platform::WriteWholeFile(dir + kPathSeparator + u"DefaultConfig.ccs", bytes.data(), bytes.size()));
   }
   // The stored text of a key of the common file, or "<absent>".

@@ -19,15 +19,6 @@ using namespace platform;
 
 namespace {
 
-std::string Utf16LeWithMark(const std::u16string& text) {
-  std::string out("\xFF\xFE", 2);
-  for (char16_t c : text) {
-    out.push_back(static_cast<char>(c & 0xFF));
-    out.push_back(static_cast<char>(c >> 8));
-  }
-  return out;
-}
-
 const char16_t kRegText[] =
     u"Windows Registry Editor Version 5.00\r\n"
     u"\r\n"

@@ -14,15 +14,6 @@ using namespace platform;
 
 namespace {
 
-std::string Utf16(const std::u16string& text) {
-  std::string out("\xFF\xFE", 2);
-  for (char16_t c : text) {
-    out.push_back(static_cast<char>(c & 0xFF));
-    out.push_back(static_cast<char>(c >> 8));
-  }
-  return out;
-}
-
 class PrivateProfile : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -59,27 +50,27 @@ class PrivateProfile : public ::testing::Test {
 
 TEST_F(PrivateProfile, LayoutRulesOfReading) {
   Put(
-      Utf16(u"top=1\r\n"
-            u"[ Sec A ]\r\n"
-            u"  Key1  =  val 1  \r\n"
-            u"\tkt\t=\tv\t\r\n"
-            u"; note=comment\r\n"
-            u"quoted=\"  q  \"\r\n"
-            u"single='s'\r\n"
-            u"half=\"h\r\n"
-            u"empty=\r\n"
-            u"bare\r\n"
-            u"eq=a=b\r\n"
-            u"cr=a\rcr2=b\n"
-            u"[no bracket\r\n"
-            u"inA=yes\r\n"
-            u"[SEC A]\r\n"
-            u"second=x\r\n"
-            u"key1=second\r\n"
-            u"[Sec C] trailing\r\n"
-            u"kc=c\r\n"
-            u"[a]b]\r\n"
-            u"x=2\r\n"));
+      Utf16LeWithMark(u"top=1\r\n"
+                      u"[ Sec A ]\r\n"
+                      u"  Key1  =  val 1  \r\n"
+                      u"\tkt\t=\tv\t\r\n"
+                      u"; note=comment\r\n"
+                      u"quoted=\"  q  \"\r\n"
+                      u"single='s'\r\n"
+                      u"half=\"h\r\n"
+                      u"empty=\r\n"
+                      u"bare\r\n"
+                      u"eq=a=b\r\n"
+                      u"cr=a\rcr2=b\n"
+                      u"[no bracket\r\n"
+                      u"inA=yes\r\n"
+                      u"[SEC A]\r\n"
+                      u"second=x\r\n"
+                      u"key1=second\r\n"
+                      u"[Sec C] trailing\r\n"
+                      u"kc=c\r\n"
+                      u"[a]b]\r\n"
+                      u"x=2\r\n"));
   EXPECT_EQ(Text(u"sec a", u"KEY1"), u"val 1");      // names without case, blanks trimmed
   EXPECT_EQ(Text(u" Sec A ", u" key1 "), u"val 1");  // also the names asked for
   EXPECT_EQ(Text(u"Sec A", u"kt"), u"v");
@@ -107,7 +98,7 @@ TEST_F(PrivateProfile, EncodingsOfTheFile) {
   EXPECT_EQ(Text(u"s", u"k"), u"\u00E4\u20AC");
   Put("\xEF\xBB\xBF[S]\r\nk=\xC3\xA4\r\n");
   EXPECT_EQ(Text(u"s", u"k"), u"\u00E4");
-  Put(Utf16(u"[S]\r\nk=\u4E2D\u00E4\r\n"));
+  Put(Utf16LeWithMark(u"[S]\r\nk=\u4E2D\u00E4\r\n"));
   EXPECT_EQ(Text(u"s", u"k"), u"\u4E2D\u00E4");
   Put(std::string("\xFF\xFE", 2));
   EXPECT_EQ(Text(u"s", u"k"), u"DEF");
@@ -115,7 +106,7 @@ TEST_F(PrivateProfile, EncodingsOfTheFile) {
 }
 
 TEST_F(PrivateProfile, CutTextsReportTheirCut) {
-  Put(Utf16(u"[s]\r\nk=abcdefghij\r\nq=\"abc\"\r\nqe=\"\"\r\n"));
+  Put(Utf16LeWithMark(u"[s]\r\nk=abcdefghij\r\nq=\"abc\"\r\nqe=\"\"\r\n"));
   EXPECT_EQ(Text(u"s", u"k", u"D", 11), u"abcdefghij");
   EXPECT_EQ(Text(u"s", u"k", u"D", 10), u"abcdefghi");  // capacity - 1 says "cut"
   EXPECT_EQ(Text(u"s", u"k", u"D", 1), u"");
@@ -133,7 +124,7 @@ TEST_F(PrivateProfile, CutTextsReportTheirCut) {
 }
 
 TEST_F(PrivateProfile, NumbersStopAtTheFirstOtherCharacter) {
-  Put(Utf16(
+  Put(Utf16LeWithMark(
       u"[s]\r\na=102abc\r\nb=-5\r\nc=abc\r\nd=\r\ne=4294967295\r\nf=2147483648\r\ng=0x1f\r\nh= 12 34\r\n"
       u"i=+7\r\nj=99999999999\r\nk=\"42\"\r\nl=- 3\r\nm=010\r\nn=0X1f\r\no=-0x10\r\np=--1\r\nq=\"\"\r\nr=1e3\r\n"));
   const std::pair<const char16_t*, int32_t> cases[] = {
@@ -162,15 +153,15 @@ TEST_F(PrivateProfile, WritesKeepTheFileTidy) {
 
   // With the byte order mark the file stays UTF-16; the rewrite drops blank lines and the text
   // after a header, and turns every line end into CR LF. Comment lines stay where they are.
-  Put(Utf16(u"[S1]\n; keep me\n  k1 = old \n\n\n[S2] trailing\r\nK=b\r\n\r\n"));
+  Put(Utf16LeWithMark(u"[S1]\n; keep me\n  k1 = old \n\n\n[S2] trailing\r\nK=b\r\n\r\n"));
   ASSERT_TRUE(ProfileWrite(m_file, u"S1", u"K2", u"\u4E2D"));
   ASSERT_TRUE(ProfileWrite(m_file, u"S1", u"K1", u"new"));
-  EXPECT_EQ(Bytes(), Utf16(u"[S1]\r\n; keep me\r\nk1=new\r\nK2=\u4E2D\r\n[S2]\r\nK=b\r\n"));
+  EXPECT_EQ(Bytes(), Utf16LeWithMark(u"[S1]\r\n; keep me\r\nk1=new\r\nK2=\u4E2D\r\n[S2]\r\nK=b\r\n"));
 
   // An existing empty file takes wide text; deleting from a missing file creates nothing.
   Put("");
   ASSERT_TRUE(ProfileWrite(m_file, u"S", u"k", u"v"));
-  EXPECT_EQ(Bytes(), Utf16(u"[S]\r\nk=v\r\n"));
+  EXPECT_EQ(Bytes(), Utf16LeWithMark(u"[S]\r\nk=v\r\n"));
   RemoveFilePath(m_file);
   ASSERT_TRUE(ProfileWrite(m_file, u"S", u"k", nullptr));
   EXPECT_FALSE(FileExists(m_file));

@@ -18,27 +18,14 @@
 #include "platform/FileIo.h"
 #include "platform/NetworkShare.h"
 #include "platform/Volume.h"
+#include "tests/unit/FakeUpdateModule.h"
 #include "tests/unit/TestRegistry.h"
 
 namespace {
 
 const WString kBase = u"SOFTWARE\\Hadley Brandt\\Management\\Node Warden";
 
-class FakeModule : public IUpdateModule {
- public:
-  uint32_t GetSwitchShutDownFlag() override { return 0; }
-  int GetCabinetNumber(uint32_t* number) override {
-    *number = 0;
-    return 1;
-  }
-  void SendEvent(RequestMessage*) override {}
-  void SendHostRequest(RequestMessage*) override {}
-  int getMailAlertEnabledFlag() override { return 0; }
-  int sendAlert(uint32_t, int, const WString*) override { return 0; }
-  CEvent& SpareEvent() override { return spare; }
-  CEvent& PollingLoopCheckDone() override { return done; }
-  CEvent spare, done;
-};
+using FakeModule = FakeUpdateModule;
 
 class ScopedEnv {
  public:

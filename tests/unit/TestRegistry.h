@@ -59,3 +59,14 @@ inline WString TestDirectory(const char16_t* tag) {
   platform::CreateDirectoryPath(dir);
   return dir;
 }
+
+// A text as a file in UTF-16LE with its byte-order mark, as the registry editor and the
+// configuration files write it.
+inline std::string Utf16LeWithMark(const std::u16string& text) {
+  std::string out("\xFF\xFE", 2);
+  for (char16_t c : text) {
+    out.push_back(static_cast<char>(c & 0xFF));
+    out.push_back(static_cast<char>(c >> 8));
+  }
+  return out;
+}
