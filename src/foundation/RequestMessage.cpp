@@ -1,6 +1,7 @@
 #include "foundation/RequestMessage.h"
 
 #include <bit>
+#include <new>
 #include <string>
 
 namespace {
@@ -468,10 +469,15 @@ int SetDataBytes(RequestMessage& message, MessageValue& command, const uint8_t* 
     while (capacity < count) capacity *= 2;
     raw.Reserve(capacity, heap);
   }
+  // Elements are appended empty and given their number in place: a byte value built aside and
+  // copied in costs a stalled 16-byte reload per element, several times the rest of the loop.
   for (size_t i = 0; i < count; ++i) {
-    MessageValue byte(static_cast<unsigned>(bytes[i]));
-    AppendElement(raw, byte, heap);
+    MessageValue empty;
+    AppendElement(raw, empty, heap);
   }
+  // A null holds nothing to release, so each one is simply built over.
+  MessageValue* elements = raw.Begin();
+  for (size_t i = 0; i < count; ++i) new (&elements[i]) MessageValue(static_cast<unsigned>(bytes[i]));
   MessageValue data(rapidjson::kObjectType);
   MessageAddMember(data, kKeyRAW, raw);
   PutMember(command, kKeyDA, data);
