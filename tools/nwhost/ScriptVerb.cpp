@@ -31,11 +31,6 @@
 #include "tools/nwhost/HostOptions.h"
 #include "tools/nwhost/Verbs.h"
 
-#ifdef _WIN32
-#include <fcntl.h>
-#include <io.h>
-#endif
-
 namespace {
 
 // Lines come from the reading thread and from the module's threads (events); each goes out whole
@@ -250,11 +245,6 @@ int NwhostScriptVerb(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     if (ParseHostOption(argc, argv, i, options, registry) != 1) return Usage();
   }
-
-#ifdef _WIN32
-  // Lines end in a plain line feed on every platform, so that programs can compare them exactly.
-  _setmode(_fileno(stdout), _O_BINARY);
-#endif
 
   ModuleHost host(options);
   if (!PrepareAndStart(registry, host)) return 1;

@@ -2,14 +2,12 @@
 // verdict, the error text, the number of elements and whether a save and reload gives the same
 // document text. Needs no module file.
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <string>
-#include <system_error>
 
 #include "Verbs.h"
 #include "foundation/XmlDocument.h"
+#include "platform/FileIo.h"
 
 namespace {
 
@@ -52,31 +50,30 @@ int NwhostXmlVerb(int argc, char** argv) {
     std::fprintf(stderr, "usage: nwhost xml FILE\n");
     return 1;
   }
-  const std::filesystem::path path = std::filesystem::u8path(argv[1]);
-  {
-    std::ifstream probe(path, std::ios::binary);
-    if (!probe) {
-      std::fprintf(stderr, "nwhost xml: cannot read %s\n", argv[1]);
-      return 1;
-    }
+  const WString path = WFromUtf8(argv[1]);
+  size_t got = 0;
+  char probe[1];
+  if (!platform::ReadFilePrefix(path, probe, sizeof probe, got)) {
+    std::fprintf(stderr, "nwhost xml: cannot read %s\n", argv[1]);
+    return 1;
   }
   XmlDocument doc;
-  doc.load(path.u16string());
+  doc.load(path);
   const bool wellFormed = doc.isWellFormed();
   const std::string errorText = WToUtf8(doc.getErrorText());
   const int elements = doc.elementCount();
 
   // Save beside the temp files of this machine and read it back.
-  std::error_code ec;
-  std::filesystem::path copy =
-      std::filesystem::temp_directory_path(ec) / ("nwhost_xml_" + std::to_string(std::random_device{}()) + ".xml");
+  WString copy = platform::TempDirectory();
+  if (!copy.empty() && copy.back() != u'/' && copy.back() != u'\\') copy += u'/';
+  copy += WFromUtf8("nwhost_xml_" + std::to_string(std::random_device{}()) + ".xml");
   bool roundTrip = false;
-  if (doc.save(copy.u16string())) {
+  if (doc.save(copy)) {
     XmlDocument again;
-    again.load(copy.u16string());
+    again.load(copy);
     roundTrip = again.getDocument() == doc.getDocument() && again.getDocFlags() == doc.getDocFlags();
   }
-  std::filesystem::remove(copy, ec);
+  platform::RemoveFilePath(copy);
 
   std::printf("{\"wellFormed\":%s,\"errorText\":%s,\"elements\":%d,\"roundTrip\":%s}\n", wellFormed ? "true" : "false",
               JsonString(errorText).c_str(), elements, roundTrip ? "true" : "false");

@@ -1,7 +1,15 @@
 // nwhost: the host program. It loads the EM_MENDER module file and drives it as the agent does.
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
+#ifdef _WIN32
+#include <fcntl.h>
+#include <io.h>
+#endif
+
+#include "platform/Environment.h"
 #include "tools/nwhost/Verbs.h"
 
 namespace {
@@ -21,8 +29,19 @@ int Usage() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** rawArgv) {
+  // Every verb reads its arguments as UTF-8, on Windows too.
+  std::vector<std::string> args = platform::ProgramArguments(argc, rawArgv);
+  std::vector<char*> pointers;
+  for (std::string& arg : args) pointers.push_back(arg.data());
+  pointers.push_back(nullptr);
+  argc = static_cast<int>(args.size());
+  char** argv = pointers.data();
   if (argc < 2) return Usage();
+#ifdef _WIN32
+  // Lines end in a plain line feed on every platform, so that programs can compare them exactly.
+  _setmode(_fileno(stdout), _O_BINARY);
+#endif
   // Each verb sees its own name as argv[0] and its arguments after it.
   if (std::strcmp(argv[1], "script") == 0) return NwhostScriptVerb(argc - 1, argv + 1);
   if (std::strcmp(argv[1], "xml") == 0) return NwhostXmlVerb(argc - 1, argv + 1);
