@@ -1,7 +1,8 @@
 #include "platform/Environment.h"
 
-#include <shellapi.h>
 #include <windows.h>
+// The shell's declarations need the base ones first.
+#include <shellapi.h>
 
 #include "platform/win32/Win32Util.h"
 
