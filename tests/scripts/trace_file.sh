@@ -29,6 +29,10 @@ mark=$(head -c 2 "$work/trace.log" | od -An -tx1 | tr -d ' \n')
 [ "$mark" = "fffe" ] || fail "a new trace file starts with the UTF-16LE mark, not '$mark'"
 text=$(iconv -f UTF-16 -t UTF-8 "$work/trace.log" | tr -d '\r')
 grep -Fq '*** NodeWarden module EM_MENDER loaded ***' <<<"$text" || fail "no load banner in the trace"
+# The banner reads the module file's own version record (the resource of the DLL on Windows).
+grep -Eq ' Module description : Update filter module$' <<<"$text" || fail "no module description in the banner"
+grep -Eq '     Module version : [0-9]+\.[0-9]+\.[0-9]+\.[0-9]+$' <<<"$text" || fail "no module version in the banner"
+grep -Eq '       File version : [0-9]+\.[0-9]+\.[0-9]+\.[0-9]+$' <<<"$text" || fail "no file version in the banner"
 grep -Fq '### Starting module EM_MENDER ###' <<<"$text" || fail "no start line in the trace"
 grep -Eq '^\[[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}\] EM_MENDER:    .*OC 0x3331' <<<"$text" ||
   fail "request line without its time and name stamps: $(grep -F 'OC 0x3331' <<<"$text" | head -2)"

@@ -9,7 +9,7 @@
 #include <io.h>
 #endif
 
-#include "platform/Environment.h"
+#include "platform/CommandLine.h"
 #include "tools/nwhost/Verbs.h"
 
 namespace {

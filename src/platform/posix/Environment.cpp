@@ -19,9 +19,4 @@ bool UnsetEnv(WStringView name) {
   return ::unsetenv(WToUtf8(name).c_str()) == 0;
 }
 
-std::vector<std::string> ProgramArguments(int argc, char** argv) {
-  // File names and texts on the command line are UTF-8 here already.
-  return std::vector<std::string>(argv, argv + argc);
-}
-
 }  // namespace platform

@@ -1,9 +1,5 @@
 #include "platform/Environment.h"
 
-#include <windows.h>
-// The shell's declarations need the base ones first.
-#include <shellapi.h>
-
 #include "platform/win32/Win32Util.h"
 
 namespace platform {
@@ -39,19 +35,6 @@ bool SetEnv(WStringView name, WStringView value) {
 bool UnsetEnv(WStringView name) {
   WString n(name);
   return SetEnvironmentVariableW(W32(n), nullptr) != 0;
-}
-
-std::vector<std::string> ProgramArguments(int argc, char** argv) {
-  int count = 0;
-  LPWSTR* wide = CommandLineToArgvW(GetCommandLineW(), &count);
-  std::vector<std::string> args;
-  if (wide == nullptr) {
-    args.assign(argv, argv + argc);
-    return args;
-  }
-  for (int i = 0; i < count; ++i) args.push_back(WToUtf8(U16(wide[i])));
-  LocalFree(wide);
-  return args;
 }
 
 }  // namespace platform

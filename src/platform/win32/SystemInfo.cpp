@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "foundation/WFormat.h"
 #include "platform/Registry.h"
 #include "platform/win32/Win32Util.h"
 // psapi.h needs the types of windows.h first.
@@ -125,9 +126,8 @@ bool ReadModuleVersion(const WString& modulePath, ModuleVersionInfo& info) {
   WString prefix = u"\\StringFileInfo\\040904b0\\";
   if (VerQueryValueW(block.data(), L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&tr), &len) && tr &&
       len >= sizeof(Translation)) {
-    wchar_t p[64];
-    wsprintfW(p, L"\\StringFileInfo\\%04x%04x\\", tr->language, tr->codePage);
-    prefix = U16(p);
+    prefix = WFormat(u"\\StringFileInfo\\%04x%04x\\", static_cast<unsigned>(tr->language),
+                     static_cast<unsigned>(tr->codePage));
   }
   auto read = [&](const char16_t* name, WString& out) {
     WString q = prefix + name;
