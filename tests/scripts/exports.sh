@@ -1,4 +1,6 @@
-# The module file's export table holds the host's eight entry points by name and nothing else.
+# The module file's export table holds the host's eight entry points by name and nothing else; on
+# Windows it depends on no library beyond the base services it uses (no user interface, no shell, no
+# runtime DLL of the compiler that a server would lack).
 source "$(dirname "$0")/script_lib.bash" "$@"
 
 if [ -n "$RUN" ]; then
@@ -21,5 +23,14 @@ updateTree
 NAMES
 )
 [ "$names" = "$expected" ] || fail "export table differs:"$'\n'"$(diff <(echo "$expected") <(echo "$names"))"
+
+if [ -n "$RUN" ]; then
+  imports=$(x86_64-w64-mingw32-objdump -p "$MODULE" | sed -n 's/^[[:space:]]*DLL Name: //p' | tr 'a-z' 'A-Z' | sort)
+  allowed='ADVAPI32.DLL BCRYPT.DLL KERNEL32.DLL MPR.DLL MSVCRT.DLL VERSION.DLL'
+  for dll in $imports; do
+    [[ " $allowed " == *" $dll "* ]] || fail "the module file imports $dll"
+  done
+  grep -qx 'KERNEL32.DLL' <<<"$imports" || fail "import table not read: $imports"
+fi
 
 finish
