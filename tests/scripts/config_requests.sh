@@ -11,7 +11,6 @@ cleanup() {
 trap cleanup EXIT
 mkdir -p "$work/data" "$work/bin"
 
-winpath() { if [ -n "$RUN" ]; then "$RUN" winepath -w "$1" | tr -d '\r'; else echo "$1"; fi; }
 esc() { local p; p=$(winpath "$1"); echo "${p//\\/\\\\}"; }
 [ -n "$RUN" ] && "$RUN" reg delete "$base" /f >/dev/null 2>&1
 printf 'Windows Registry Editor Version 5.00\r\n\r\n[%s\\DATA]\r\n"DataRoot"="%s"\r\n\r\n[%s\\Setup]\r\n"BinRoot"="%s"\r\n' \

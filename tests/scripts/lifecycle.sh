@@ -57,7 +57,7 @@ grep -Fq '"getProperties":1,"size":452,"name":"EM_MENDER"' <<<"$out" || fail "de
 
 # A module file that is not there: nothing runs and the status says so.
 missing=$(dirname "$MODULE")/no-such-module.bin
-[ -n "$RUN" ] && missing=$("$RUN" winepath -w "$missing" | tr -d '\r')
+missing=$(winpath "$missing")
 if [ -n "$RUN" ]; then
   out=$("$RUN" "$NWHOST" script --module "$missing" </dev/null 2>/dev/null)
 else

@@ -24,7 +24,7 @@ else
   "$RUN" reg delete "$key" /f >/dev/null 2>&1  # a leftover of an earlier run must not count
   printf 'Windows Registry Editor Version 5.00\r\n\r\n[%s]\r\n"Text"="hello world"\r\n"Number"=dword:0000002a\r\n' "$key" \
     >"$work/settings.reg"
-  settings=$("$RUN" winepath -w "$work/settings.reg" | tr -d '\r')
+  settings=$(winpath "$work/settings.reg")
   out=$(host --registry "$settings" <<<'{"op":"request","OC":13105}')
   expect_line "$out" '{"op":"reply","OC":13105,"ret":1,"ST":0}'
   query=$("$RUN" reg query "$key" 2>/dev/null | tr -d '\r')

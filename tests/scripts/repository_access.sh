@@ -36,7 +36,6 @@ fi
 # Every wait of the module takes a thousandth of its time: the three 2-second rounds, 6 ms.
 export EM_MENDER_TIME_SCALE=1000
 
-winpath() { if [ -n "$RUN" ]; then "$RUN" winepath -w "$1" | tr -d '\r'; else echo "$1"; fi; }
 esc() { local p; p=$(winpath "$1"); echo "${p//\\/\\\\}"; }
 printf 'Windows Registry Editor Version 5.00\r\n\r\n[%s\\DATA]\r\n"DataRoot"="%s"\r\n\r\n[%s\\Setup]\r\n"BinRoot"="%s"\r\n\r\n[%s]\r\n"FileDebugLevel"=dword:00000005\r\n"TraceFile"="%s"\r\n' \
   "$base" "$(esc "$work/data")" "$base" "$(esc "$work/bin")" "$debug" "$(esc "$work/trace.log")" >"$work/settings.reg"

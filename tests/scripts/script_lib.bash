@@ -8,12 +8,13 @@ MODULE=$2
 RUN=${3:-}
 FAILURES=0
 
+# winpath PATH — the path as the program under test reads it (the Windows form under Wine)
+winpath() {
+  if [ -n "$RUN" ]; then "$RUN" winepath -w "$1" | tr -d '\r'; else echo "$1"; fi
+}
+
 # Wine does not load a module reliably by its Unix path; it gets the Windows form of it.
-if [ -n "$RUN" ]; then
-  MODULE_ARG=$("$RUN" winepath -w "$MODULE" | tr -d '\r')
-else
-  MODULE_ARG=$MODULE
-fi
+MODULE_ARG=$(winpath "$MODULE")
 
 # host [nwhost script options...] < script  — the module's output, JSON lines only
 host() {

@@ -11,12 +11,9 @@ trap cleanup EXIT
 
 if [ -n "$RUN" ]; then
   "$RUN" reg delete "$key" /f >/dev/null 2>&1
-  tracefile=$("$RUN" winepath -w "$work/trace.log" | tr -d '\r')
-  settings=$("$RUN" winepath -w "$work/settings.reg" | tr -d '\r')
-else
-  tracefile=$work/trace.log
-  settings=$work/settings.reg
 fi
+tracefile=$(winpath "$work/trace.log")
+settings=$(winpath "$work/settings.reg")
 escaped=${tracefile//\\/\\\\}
 printf 'Windows Registry Editor Version 5.00\r\n\r\n[%s]\r\n"FileDebugLevel"=dword:00000005\r\n"TimeStampOn"=dword:00000001\r\n"AppNameOn"=dword:00000001\r\n"TraceFile"="%s"\r\n' \
   "$key" "$escaped" >"$work/settings.reg"

@@ -4,7 +4,6 @@ source "$(dirname "$0")/script_lib.bash" "$@"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-winpath() { if [ -n "$RUN" ]; then "$RUN" winepath -w "$1" | tr -d '\r'; else echo "$1"; fi; }
 xml() {
   if [ -n "$RUN" ]; then "$RUN" "$NWHOST" xml "$(winpath "$1")"; else "$NWHOST" xml "$1"; fi
 }

@@ -86,6 +86,19 @@ class RepositoryAccessTest : public ::testing::Test {
       SetDataBytes(m, cmd, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     });
   }
+  // The settings as a requester writes them.
+  static void WriteNumber(UM_Config& c, uint32_t oe, uint32_t value) {
+    RequestMessage m;
+    ConstructRequest(m, 0xE002, oe, 0, 0, ST_NONE);
+    SetDataNumber(m, GetCurrentCommand(m), value, 1);
+    EXPECT_EQ(c.request(m), 1);
+  }
+  static void WriteText(UM_Config& c, uint32_t oe, const WString& value) {
+    RequestMessage m;
+    ConstructRequest(m, 0xE002, oe, 0, 0, ST_NONE);
+    SetDataString(m, GetCurrentCommand(m), value);
+    EXPECT_EQ(c.request(m), 1);
+  }
   // The settings as a requester reads them back.
   WString ReadPath(UM_Config& c) {
     RequestMessage m;
@@ -158,13 +171,8 @@ TEST_F(RepositoryAccessTest, ResetPutsALocalRepositoryWithoutPathBack) {
   UM_Util util(&module);
   {
     UM_Config c(&module, &util);
-    RequestMessage m;
-    ConstructRequest(m, 0xE002, 6721, 0, 0, ST_NONE);
-    SetDataNumber(m, GetCurrentCommand(m), CQVV_UpdRepositoryVolume, 1);
-    c.request(m);
-    ConstructRequest(m, 0xE002, 6720, 0, 0, ST_NONE);
-    SetDataString(m, GetCurrentCommand(m), u"/mnt/volume/zentrove");
-    c.request(m);
+    WriteNumber(c, 6721, CQVV_UpdRepositoryVolume);
+    WriteText(c, 6720, u"/mnt/volume/zentrove");
 
     EXPECT_TRUE(c.resetRepositoryAccess());
     EXPECT_EQ(c.repositoryAccessMode, CQVV_UpdRepositoryLocalRW);
@@ -385,16 +393,9 @@ TEST_F(PosixVolumeTest, RemoteModeConnectsTheShareAtStart) {
   UM_Util util(&module);
   {
     UM_Config c(&module, &util);
-    RequestMessage m;
-    ConstructRequest(m, 0xE002, 6721, 0, 0, ST_NONE);
-    SetDataNumber(m, GetCurrentCommand(m), CQVV_UpdRepositoryRemote, 1);
-    c.request(m);
-    ConstructRequest(m, 0xE002, 6720, 0, 0, ST_NONE);
-    SetDataString(m, GetCurrentCommand(m), root + u"/share");
-    c.request(m);
-    ConstructRequest(m, 0xE002, 6722, 0, 0, ST_NONE);
-    SetDataString(m, GetCurrentCommand(m), u"carol");
-    c.request(m);
+    WriteNumber(c, 6721, CQVV_UpdRepositoryRemote);
+    WriteText(c, 6720, root + u"/share");
+    WriteText(c, 6722, u"carol");
   }
   ASSERT_TRUE(util.umStartLogging(u"UM_Check.log", u"UpdateCheck"));
   UM_Config c(&module, &util);
