@@ -4,9 +4,9 @@
 
 #include <vector>
 
+#include "foundation/Opcodes.h"
 #include "foundation/RequestMessage.h"
 #include "module/CUpdateExtensionModule.h"
-#include "module/Opcodes.h"
 
 namespace {
 

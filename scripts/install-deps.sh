@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   g++-mingw-w64-x86-64 wine wine64
   zip unzip libxml2-utils xsltproc w3c-sgml-lib
-  clang-format python3 libgnutls30
+  clang-format clang libclang-rt-14-dev shellcheck python3 libgnutls30
   rsyslog
 )
 

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Builds everything and runs every test: natively (debug, with AddressSanitizer and UBSan) and the
+# Lints the tree (format, shell scripts, include direction), builds everything and runs every test: natively (debug, with AddressSanitizer and UBSan) and the
 # Windows cross build under Wine. Both builds come first, since some tests compare what the two
 # platforms write.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
+scripts/lint.sh
 
 cmake --preset debug >/dev/null
 cmake --build --preset debug

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/WFormat.h"
 #include "foundation/CDebug.h"
 #include "foundation/PasswordCipher.h"
 #include "foundation/RootPaths.h"
-#include "foundation/WFormat.h"
 #include "platform/PrivateProfile.h"
 
 namespace {

@@ -12,9 +12,9 @@
 
 #include <cstdint>
 
+#include "base/WString.h"
 #include "config/CIniFile.h"
 #include "foundation/RequestMessage.h"
-#include "foundation/WString.h"
 
 class CConfigSpace {
  public:

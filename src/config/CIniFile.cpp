@@ -2,9 +2,9 @@
 
 #include <new>
 
+#include "base/WFormat.h"
 #include "foundation/CDebug.h"
 #include "foundation/RootPaths.h"
-#include "foundation/WFormat.h"
 #include "platform/FileIo.h"
 #include "platform/PrivateProfile.h"
 

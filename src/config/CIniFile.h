@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 class CIniFile {
  public:

@@ -1,20 +1,18 @@
 #include "config/UM_Config.h"
 
+#include "base/WFormat.h"
 #include "config/MakeDirectoryPath.h"
 #include "foundation/CDebug.h"
 #include "foundation/IUpdateModule.h"
+#include "foundation/Opcodes.h"
 #include "foundation/RequestMessage.h"
 #include "foundation/RootPaths.h"
 #include "foundation/UM_Util.h"
-#include "foundation/WFormat.h"
 #include "platform/FileIo.h"
 #include "platform/SystemInfo.h"
 
 namespace {
 
-constexpr uint32_t kReadConfigurationSpace = 0xE001;
-constexpr uint32_t kWriteConfigurationSpace = 0xE002;
-constexpr uint32_t kSetRepositoryAccessqLTX = 0x33A8;
 constexpr uint32_t kOeRepositoryPath = 6720;
 constexpr uint32_t kOeRepositoryAccess = 6721;
 constexpr uint32_t kOeUnassigned = 6735;  // inside the accepted range, but no setting
@@ -318,9 +316,9 @@ int UM_Config::request(RequestMessage& m) {
     cabinetNumber = cabinet;
     configRead = Start() ? 1 : 0;
   }
-  if (oc == kSetRepositoryAccessqLTX) return SetRepositoryAccessqLTX(m);
+  if (oc == CM_UmSetRepositoryAccessqLTX) return SetRepositoryAccessqLTX(m);
   MessageValue& command = GetCurrentCommand(m);
-  if (oc != kReadConfigurationSpace && oc != kWriteConfigurationSpace) {
+  if (oc != CM_ReadConfigurationSpace && oc != CM_WriteConfigurationSpace) {
     SetDataNumber(m, command, 1, 1);
     SetCommandValue(m, command, kKeyST, ST_DENIED, false);
     return 0;
@@ -331,7 +329,7 @@ int UM_Config::request(RequestMessage& m) {
     SetCommandValue(m, command, kKeyST, ST_DENIED, false);
     return 0;
   }
-  if (oc == kReadConfigurationSpace) {
+  if (oc == CM_ReadConfigurationSpace) {
     AnswerSetting(m, *s);
   } else {
     WriteSetting(m, *s);
@@ -390,7 +388,7 @@ int UM_Config::setScheduleDate(uint32_t newTime) {
   // Sent without data on purpose: the stored key goes and its size becomes 0, so the new time
   // lives in memory only and the next start finds no schedule date.
   RequestMessage m;
-  ConstructRequest(m, kWriteConfigurationSpace, kOeScheduleDate, 0, cabinetNumber, ST_NONE);
+  ConstructRequest(m, CM_WriteConfigurationSpace, kOeScheduleDate, 0, cabinetNumber, ST_NONE);
   int rc = configSpace.WriteNumber(m, nullptr);
   if (rc == 1) scheduleDate = newTime;
   return rc;
@@ -398,7 +396,7 @@ int UM_Config::setScheduleDate(uint32_t newTime) {
 
 int UM_Config::getMailAlertEnabledFlag() {
   RequestMessage m;
-  ConstructRequest(m, kReadConfigurationSpace, kOeMailAlertEnabled, 0, cabinetNumber, ST_NONE);
+  ConstructRequest(m, CM_ReadConfigurationSpace, kOeMailAlertEnabled, 0, cabinetNumber, ST_NONE);
   configSpace.ReadValue(m, 1, nullptr);
   uint32_t v = 0;
   if (GetDataLength(m, 0) > 0 && GetDataValue(m, 0, v) && (v & 0xFF))

@@ -6,9 +6,9 @@
 #include <memory>
 #include <vector>
 
+#include "base/WString.h"
 #include "config/CConfigSpace.h"
 #include "foundation/CCriticalSection.h"
-#include "foundation/WString.h"
 
 class IUpdateModule;
 class UM_Util;

@@ -4,6 +4,7 @@
 
 #include "config/UM_Config.h"
 #include "foundation/CDebug.h"
+#include "foundation/Opcodes.h"
 #include "foundation/RequestMessage.h"
 #include "foundation/UM_Util.h"
 #include "platform/Clock.h"
@@ -12,7 +13,6 @@
 
 namespace {
 
-constexpr uint32_t kWriteConfigurationSpace = 0xE002;
 constexpr uint32_t kOeRepositoryPath = 6720;
 constexpr uint32_t kOeRepositoryAccess = 6721;
 
@@ -126,7 +126,7 @@ int UM_Config::GetMountPoint(const WString& label, WString& mountPoint) {
 
 bool UM_Config::WriteOwnSetting(uint32_t oe, const WString* text, uint8_t byte, const char16_t* caller) {
   RequestMessage m;
-  ConstructRequest(m, kWriteConfigurationSpace, oe, 0, cabinetNumber, ST_OK);
+  ConstructRequest(m, CM_WriteConfigurationSpace, oe, 0, cabinetNumber, ST_OK);
   MessageValue& command = GetCurrentCommand(m);
   if (text) {
     if (!text->empty()) SetDataString(m, command, *text);

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "foundation/WFormat.h"
+#include "base/WFormat.h"
 #include "platform/Clock.h"
 #include "platform/CodePage.h"
 #include "platform/DebugOutput.h"

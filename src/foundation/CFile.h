@@ -1,7 +1,7 @@
 // Recursive directory removal.
 #pragma once
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 class CFile {
  public:

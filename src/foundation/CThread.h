@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 #include "platform/Thread.h"
 
 class CThread {

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 class CEvent;
 struct RequestMessage;

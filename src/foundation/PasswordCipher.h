@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 // Wide text -> ANSI -> EncryptText -> wide. Always 1.
 int EncryptPassword(WString& out, WStringView in);

@@ -17,7 +17,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 using MessageValue = rapidjson::GenericValue<rapidjson::UTF16<char16_t>, rapidjson::CrtAllocator>;
 using MessageDocument =

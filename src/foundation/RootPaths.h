@@ -2,7 +2,7 @@
 // Values read from the registry lose one trailing separator (not a bare drive's "C:\").
 #pragma once
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 // The host's registry base: the value "Node Warden" of the host's UUID key, else the fixed
 // product key.

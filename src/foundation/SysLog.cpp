@@ -1,7 +1,7 @@
 #include "foundation/SysLog.h"
 
+#include "base/WFormat.h"
 #include "foundation/CDebug.h"
-#include "foundation/WFormat.h"
 #include "platform/EventLog.h"
 
 SysLog& SysLog::Instance() {

@@ -7,8 +7,8 @@
 #include <cstdarg>
 #include <cstdint>
 
+#include "base/WString.h"
 #include "foundation/CCriticalSection.h"
-#include "foundation/WString.h"
 
 class SysLog {
  public:

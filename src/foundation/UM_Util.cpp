@@ -1,9 +1,9 @@
 #include "foundation/UM_Util.h"
 
+#include "base/WFormat.h"
 #include "foundation/CDebug.h"
 #include "foundation/RootPaths.h"
 #include "foundation/SysLog.h"
-#include "foundation/WFormat.h"
 #include "platform/Clock.h"
 #include "platform/CodePage.h"
 #include "platform/FileIo.h"

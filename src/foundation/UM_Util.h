@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <mutex>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 class IUpdateModule;
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 // Mode bits of a document (setDocFlags).
 constexpr int XML_DF_UTF16LE_BOM = 1;  // write FF FE

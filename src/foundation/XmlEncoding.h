@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 // True when the bytes are well-formed UTF-8 (no overlong forms, surrogates or values above
 // U+10FFFF).

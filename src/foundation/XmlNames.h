@@ -2,7 +2,7 @@
 // charset names. Both lower the name first and take the first entry of its bucket that matches.
 #pragma once
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 // Code point of a named entity ("amp", "nbsp", "Oslash", ...), or -1.
 int XmlEntityCodePoint(WStringView name);

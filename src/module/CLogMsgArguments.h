@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 class CLogMsgArguments {
  public:

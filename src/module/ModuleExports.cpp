@@ -1,10 +1,10 @@
 // The exported entry points and the load and unload of the module file.
 #include "module/ModuleExports.h"
 
+#include "base/WFormat.h"
 #include "foundation/CDebug.h"
 #include "foundation/CFile.h"
 #include "foundation/RootPaths.h"
-#include "foundation/WFormat.h"
 #include "module/CUpdateExtensionModule.h"
 #include "platform/Clock.h"
 #include "platform/FileIo.h"

@@ -3,10 +3,10 @@
 
 #include "config/UM_Config.h"
 #include "foundation/CDebug.h"
+#include "foundation/Opcodes.h"
 #include "module/CLogMsgArguments.h"
 #include "module/CUpdateExtensionModule.h"
 #include "module/IModuleHost.h"
-#include "module/Opcodes.h"
 #include "platform/Clock.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

@@ -2,7 +2,7 @@
 // debugger output reaches standard error only while a debugger is attached.
 #pragma once
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

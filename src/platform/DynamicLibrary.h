@@ -1,7 +1,7 @@
 // Loading a module file and finding its entry points (used by the host, never by the module).
 #pragma once
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

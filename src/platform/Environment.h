@@ -1,7 +1,7 @@
 // Environment variables of the process.
 #pragma once
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

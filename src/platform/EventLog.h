@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

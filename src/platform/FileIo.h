@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

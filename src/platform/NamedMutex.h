@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

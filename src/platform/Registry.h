@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

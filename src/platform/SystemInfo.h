@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

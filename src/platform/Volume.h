@@ -13,7 +13,7 @@
 #include <memory>
 #include <vector>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

@@ -5,8 +5,8 @@
 #include <chrono>
 #include <thread>
 
+#include "hostlib/JsonMessage.h"
 #include "tests/integration/IntegrationSupport.h"
-#include "tests/support/JsonMessage.h"
 
 namespace {
 

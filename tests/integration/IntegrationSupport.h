@@ -5,8 +5,8 @@
 
 #include <string>
 
+#include "hostlib/ModuleHost.h"
 #include "platform/Environment.h"
-#include "tests/support/ModuleHost.h"
 
 inline std::u16string ModuleUnderTest() {
   WString path;

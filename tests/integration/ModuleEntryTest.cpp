@@ -6,8 +6,8 @@
 #include <cstring>
 #include <vector>
 
+#include "hostlib/JsonMessage.h"
 #include "tests/integration/IntegrationSupport.h"
-#include "tests/support/JsonMessage.h"
 
 namespace {
 

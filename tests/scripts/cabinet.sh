@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # The server cabinet number as the host sets it, or does not.
 source "$(dirname "$0")/script_lib.bash" "$@"
 

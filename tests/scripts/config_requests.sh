@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # The update settings through the configuration requests, with the settings files in a folder of
 # the test's own, named by the host's registry keys.
 source "$(dirname "$0")/script_lib.bash" "$@"

@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # Event-log entries reach a real receiver of the system's log.
 #
 # Native: a private rsyslogd (its own socket, output files and pid file) takes the entries that

@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # The module file's export table holds the host's eight entry points by name and nothing else; on
 # Windows it depends on no library beyond the base services it uses (no user interface, no shell, no
 # runtime DLL of the compiler that a server would lack).

@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # The configuration files are interchangeable between the two builds: a CommonConfig.ccs written
 # by our own POSIX ini writer reads back the same through the Windows private-profile calls (under
 # Wine), and one written by the Windows calls reads back the same through our POSIX reader. Both

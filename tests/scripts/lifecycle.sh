@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # Loading, restarting and shutting down, and how the host copes with bad input.
 source "$(dirname "$0")/script_lib.bash" "$@"
 

@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # What the module reports at load: the properties record and DetectHardware.
 source "$(dirname "$0")/script_lib.bash" "$@"
 

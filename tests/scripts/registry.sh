@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # Settings handed to the module through --registry.
 source "$(dirname "$0")/script_lib.bash" "$@"
 

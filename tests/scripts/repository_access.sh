@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # Repository access through the loaded module: the volume handed in by its label (0x33A8), the
 # settings it leaves, the search for a missing label in time-scaled rounds, the label rules, and
 # the remote share tried at start.

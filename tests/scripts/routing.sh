@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # Routing and the cabinet rule as the host sees them through ApplicationRequest/ApplicationReply.
 source "$(dirname "$0")/script_lib.bash" "$@"
 export EM_MENDER_TIME_SCALE=1000  # the volume search's 2-second rounds

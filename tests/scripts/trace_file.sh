@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # The module's file trace, switched on through the registry settings that --registry hands in.
 source "$(dirname "$0")/script_lib.bash" "$@"
 

@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # nwhost xml: the verdict on a file as a support person sees it, for file names in any script.
 source "$(dirname "$0")/script_lib.bash" "$@"
 

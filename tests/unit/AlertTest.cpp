@@ -8,11 +8,11 @@
 
 #include "foundation/CDebug.h"
 #include "foundation/CFile.h"
+#include "foundation/Opcodes.h"
 #include "foundation/SysLog.h"
 #include "foundation/UM_Util.h"
 #include "module/CUpdateExtensionModule.h"
 #include "module/IModuleHost.h"
-#include "module/Opcodes.h"
 #include "platform/Clock.h"
 #include "platform/Environment.h"
 #include "platform/FileIo.h"

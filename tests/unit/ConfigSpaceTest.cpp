@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "base/WFormat.h"
 #include "config/CConfigSpace.h"
 #include "config/CIniFile.h"
-#include "foundation/WFormat.h"
 #include "platform/FileIo.h"
 #include "platform/PrivateProfile.h"
 #include "tests/unit/TestRegistry.h"

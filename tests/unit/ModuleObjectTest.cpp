@@ -3,10 +3,10 @@
 
 #include <vector>
 
+#include "foundation/Opcodes.h"
 #include "foundation/SysLog.h"
 #include "module/CUpdateExtensionModule.h"
 #include "module/IModuleHost.h"
-#include "module/Opcodes.h"
 #include "platform/Environment.h"
 
 namespace {

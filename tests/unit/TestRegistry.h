@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 #include "platform/Environment.h"
 #include "platform/FileIo.h"
 #include "platform/Registry.h"

@@ -3,8 +3,8 @@
 
 #include <string>
 
+#include "base/WFormat.h"
 #include "foundation/CDebug.h"
-#include "foundation/WFormat.h"
 #include "platform/Clock.h"
 #include "platform/FileIo.h"
 #include "tests/unit/TestRegistry.h"

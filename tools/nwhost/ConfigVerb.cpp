@@ -6,9 +6,9 @@
 #include <string>
 
 #include "config/UM_Config.h"
-#include "tests/support/ModuleHost.h"
-#include "tools/nwhost/HostOptions.h"
-#include "tools/nwhost/Verbs.h"
+#include "hostlib/ModuleHost.h"
+#include "nwhost/HostOptions.h"
+#include "nwhost/Verbs.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <thread>
 
 #include "config/UM_Config.h"
-#include "module/Opcodes.h"
-#include "tests/support/JsonMessage.h"
-#include "tests/support/ModuleHost.h"
-#include "tools/nwhost/Verbs.h"
+#include "foundation/Opcodes.h"
+#include "hostlib/JsonMessage.h"
+#include "hostlib/ModuleHost.h"
+#include "nwhost/Verbs.h"
 
 namespace {
 

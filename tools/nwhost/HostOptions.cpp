@@ -1,4 +1,4 @@
-#include "tools/nwhost/HostOptions.h"
+#include "nwhost/HostOptions.h"
 
 #include <cstdio>
 

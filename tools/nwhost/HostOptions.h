@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tests/support/ModuleHost.h"
+#include "hostlib/ModuleHost.h"
 
 // Makes a registry export the settings the module will read: on POSIX the file itself becomes
 // the registry; on Windows its keys below HKEY_LOCAL_MACHINE are written into the registry.

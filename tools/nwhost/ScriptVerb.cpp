@@ -24,12 +24,12 @@
 #include <string>
 #include <thread>
 
+#include "hostlib/JsonMessage.h"
+#include "hostlib/ModuleHost.h"
+#include "nwhost/HostOptions.h"
+#include "nwhost/Verbs.h"
 #include "platform/Environment.h"
 #include "platform/FileIo.h"
-#include "tests/support/JsonMessage.h"
-#include "tests/support/ModuleHost.h"
-#include "tools/nwhost/HostOptions.h"
-#include "tools/nwhost/Verbs.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <io.h>
 #endif
 
+#include "nwhost/Verbs.h"
 #include "platform/CommandLine.h"
-#include "tools/nwhost/Verbs.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 // The shell's declarations need the base ones first.
 #include <shellapi.h>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 #include "platform/win32/Win32Util.h"
 
 namespace platform {

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "foundation/WFormat.h"
+#include "base/WFormat.h"
 #include "platform/Registry.h"
 #include "platform/win32/Win32Util.h"
 // psapi.h needs the types of windows.h first.

@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 namespace platform {
 

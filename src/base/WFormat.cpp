@@ -1,4 +1,4 @@
-#include "foundation/WFormat.h"
+#include "base/WFormat.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 WString WFromUtf8(std::string_view s) {
   WString out;

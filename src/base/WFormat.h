@@ -7,7 +7,7 @@
 #include <cstdarg>
 #include <cstddef>
 
-#include "foundation/WString.h"
+#include "base/WString.h"
 
 // Writes at most cap-1 characters and a terminator into buf; returns the characters written.
 size_t WFormatToV(char16_t* buf, size_t cap, const char16_t* fmt, va_list ap);

@@ -1,4 +1,4 @@
-#include "tests/support/JsonMessage.h"
+#include "hostlib/JsonMessage.h"
 
 #include <rapidjson/error/en.h>
 

@@ -1,11 +1,11 @@
-#include "tests/support/ModuleHost.h"
+#include "hostlib/ModuleHost.h"
 
 #include <chrono>
 #include <cstring>
 
+#include "hostlib/JsonMessage.h"
 #include "platform/DynamicLibrary.h"
 #include "platform/SystemInfo.h"
-#include "tests/support/JsonMessage.h"
 
 namespace {
 

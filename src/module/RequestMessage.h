@@ -1,3 +1,0 @@
-// The message moved to foundation/, where every handler layer can reach it.
-#pragma once
-#include "foundation/RequestMessage.h"
