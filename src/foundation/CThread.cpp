@@ -7,7 +7,15 @@ CThread::~CThread() {
   TRACE(5, u"\n~CThread - name=\"%s\" (bTerminateThread=%d)", Name(), static_cast<int>(m_bTerminateThread));
   platform::SleepMs(10);
   if (m_bTerminateThread && !WaitForThread(5000)) KillThread(0);
-  m_thread.Close();
+  // A thread that may not be killed is waited for: it runs in the object that owns this wrapper.
+  Join();
+}
+
+void CThread::Join() {
+  if (!m_thread.HasHandle()) return;
+  if (m_thread.IsActive() && !m_thread.WaitRealMicros(0))
+    TRACE(1, u"\n\n## WARNING! WAITING FOR THREAD %d (\"%s\") TO END  ###\n", static_cast<int>(m_thread.Id()), Name());
+  m_thread.Join();
 }
 
 int CThread::CreateThreadObject(platform::ThreadEntry entry, void* argument, int priority, bool createSuspended,
@@ -44,7 +52,9 @@ int CThread::KillThread(uint32_t exitCode) {
             Name());
     }
   }
-  m_thread.Close();
+  // The kill only starts the end of the thread (on POSIX it leaves at its next wait); whatever
+  // it gave, the thread is seen to its end before its handle goes.
+  Join();
   return result;
 }
 

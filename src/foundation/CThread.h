@@ -11,6 +11,7 @@ class CThread {
  public:
   CThread() = default;
   // Waits 10 ms, then up to 5000 ms for the thread, and kills it when `m_bTerminateThread` is set.
+  // Returns only when the thread has ended: it runs in the object that owns this wrapper.
   ~CThread();
   CThread(const CThread&) = delete;
   CThread& operator=(const CThread&) = delete;
@@ -21,12 +22,15 @@ class CThread {
                          size_t stackSize);
   // True when there is no thread, its state cannot be asked, it has ended, or it ends within `ms`.
   bool WaitForThread(uint32_t ms);
+  // Ends the thread by force and joins it: when this returns the thread no longer runs.
   int KillThread(uint32_t exitCode);
   int SetThreadName(const char16_t* name, const char16_t* suffix);
   // The exit-code query says the thread still runs.
   bool IsActive() { return m_thread.IsActive(); }
   bool HasHandle() const { return m_thread.HasHandle(); }
-  void CloseHandle() { m_thread.Close(); }
+  // Waits without limit for the thread to end and releases it. A thread is never left running
+  // on its own: nothing it uses could be freed safely.
+  void Join();
   bool Resume() { return m_thread.Resume(); }
 
   const char16_t* Name() const { return m_name.empty() ? u"" : m_name.c_str(); }

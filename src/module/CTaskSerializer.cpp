@@ -67,8 +67,12 @@ int CTaskSerializer::TerminateSerialization() {
     m_wake.Set();
     platform::SleepMs(100);
     result = m_worker.WaitForThread(2000) ? 1 : 0;
-    // A worker that did not end is left running; its handle goes all the same.
-    m_worker.CloseHandle();
+    // A worker that did not end in time is ended by force; either way it is joined before this
+    // returns, since the module object it runs in may be freed next.
+    if (result)
+      m_worker.Join();
+    else
+      m_worker.KillThread(0);
   }
   TRACE(5, u"\nCTaskSerializer     :   terminated");
   return result;

@@ -28,7 +28,7 @@ using ThreadEntry = unsigned (*)(void* argument);
 class NativeThread : public Waitable {
  public:
   NativeThread();
-  ~NativeThread();  // closes the handle; a running thread goes on
+  ~NativeThread();  // joins the thread
   NativeThread(const NativeThread&) = delete;
   NativeThread& operator=(const NativeThread&) = delete;
 
@@ -42,8 +42,9 @@ class NativeThread : public Waitable {
   bool WaitRealMicros(uint64_t micros) override;
   // Ends the thread by force. On POSIX the thread ends at its next wait or sleep.
   bool Terminate(uint32_t exitCode);
-  // Releases the handle; a thread still running goes on on its own.
-  void Close();
+  // Waits, in real time and without limit, until the thread has ended, then releases the handle.
+  // Nothing that the thread uses may be freed before this returns.
+  void Join();
   uint32_t Id() const;
   uint32_t LastError() const { return m_lastError; }
 

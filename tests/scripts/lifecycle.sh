@@ -48,6 +48,14 @@ expect_line "$out" '{"op":"reply","OC":57347,"ret":0,"ST":1,"DA":[1,4294967295,-
 expect_line "$out" '{"op":"reply","OC":57347,"ret":0,"ST":1,"DA":null}'
 expect_line "$out" '{"op":"reply","OC":57347,"ret":0,"ST":1,"DA":-1}'
 
+# Restarts at a time scale that runs every bounded wait out at once: the serializer's worker must
+# have ended before the module object it runs in is freed (a sanitizer build reports it if not).
+out=$({ for _ in $(seq 50); do echo '{"op":"restart"}'; done; echo '{"op":"request","OC":13105}'; } |
+  EM_MENDER_TIME_SCALE=100000 host 2>&1)
+status=$?
+[ "$status" -eq 0 ] || fail "exit status $status after 50 restarts at time scale 100000: $(tail -n 5 <<<"$out")"
+expect_line "$out" '{"op":"reply","OC":13105,"ret":1,"ST":0}'
+
 # Without --module the host finds the module file beside itself.
 if [ -n "$RUN" ]; then
   out=$("$RUN" "$NWHOST" script <<<'{"op":"properties"}')

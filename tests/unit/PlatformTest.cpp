@@ -184,7 +184,7 @@ TEST(Thread, StartsSuspendedWaitsAndEnds) {
   EXPECT_TRUE(t.WaitRealMicros(5000000));
   EXPECT_EQ(g_ran, 5);
   EXPECT_FALSE(t.IsActive());
-  t.Close();
+  t.Join();
   EXPECT_FALSE(t.HasHandle());
   EXPECT_TRUE(t.WaitRealMicros(0));  // no thread: nothing to wait for
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -169,4 +170,58 @@ TEST(CTaskSerializer, HigherLevelFirstAndRingWrap) {
   EXPECT_EQ(s.emptied.back(), 0u);
   // A terminated serializer can be started again.
   EXPECT_EQ(s.StartSerialization(), 1);
+}
+
+namespace {
+
+// Real time spent outside every wait of the clock service, where a kill cannot reach the thread
+// (as in a long file operation).
+void BusyRealMicros(uint64_t micros) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(micros);
+  while (std::chrono::steady_clock::now() < end) std::this_thread::yield();
+}
+
+// A worker that is slow to leave: its exit hook is busy for a while, then touches the object.
+class SlowExitSerializer : public CTaskSerializer {
+ public:
+  explicit SlowExitSerializer(uint64_t exitMicros) : m_exitMicros(exitMicros) {}
+  void OnTaskExecution(RequestMessage*, uint32_t) override {}
+  void OnWorkerExit() override {
+    BusyRealMicros(m_exitMicros);
+    exitDone = true;
+  }
+  uint64_t m_exitMicros;
+  std::atomic<bool> exitDone{false};
+};
+
+unsigned BusyForRealTime(void* arg) {
+  BusyRealMicros(1300000);  // longer than the kill's own second
+  static_cast<std::atomic<bool>*>(arg)->store(true);
+  return 0;
+}
+
+}  // namespace
+
+// No thread may outlive the bounded wait for it: whatever the clock does, the serializer's stop
+// and the thread wrapper end the thread and join it before they return, so that the object it
+// runs in can be freed.
+TEST(CTaskSerializer, StopJoinsTheWorkerWhenTheBoundedWaitRunsOut) {
+  platform::VirtualClock clock;  // the 2-second wait runs out after the clock's short grace
+  platform::SetClock(&clock);
+  for (uint64_t exitMicros : {300000ull, 1300000ull}) {
+    auto* s = new SlowExitSerializer(exitMicros);
+    ASSERT_EQ(s->StartSerialization(), 1);
+    s->TerminateSerialization();
+    EXPECT_TRUE(s->exitDone) << "worker still running after the stop (" << exitMicros << " us)";
+    EXPECT_FALSE(s->WorkerRunning());
+    delete s;  // with the worker still inside, AddressSanitizer reports a use after free
+  }
+  std::atomic<bool> finished{false};
+  {
+    CThread t;
+    t.m_bTerminateThread = 1;
+    ASSERT_EQ(t.CreateThreadObject(BusyForRealTime, &finished, 0, false, 0), 1);
+  }
+  EXPECT_TRUE(finished);  // the destructor joined the thread it could not kill at once
+  platform::SetClock(nullptr);
 }

@@ -68,11 +68,11 @@ void* Trampoline(void* p) {
 NativeThread::NativeThread() : m_impl(std::make_unique<Impl>()) {}
 
 NativeThread::~NativeThread() {
-  Close();
+  Join();
 }
 
 bool NativeThread::Start(ThreadEntry entry, void* argument, int /*priority*/, bool suspended, size_t stackSize) {
-  Close();
+  Join();
   auto state = std::make_shared<ThreadState>();
   state->entry = entry;
   state->argument = argument;
@@ -133,12 +133,9 @@ bool NativeThread::Terminate(uint32_t /*exitCode*/) {
   return false;
 }
 
-void NativeThread::Close() {
+void NativeThread::Join() {
   if (!m_impl->joinable) return;
-  if (m_impl->state->done.IsSet())
-    pthread_join(m_impl->thread, nullptr);
-  else
-    pthread_detach(m_impl->thread);
+  pthread_join(m_impl->thread, nullptr);
   m_impl->joinable = false;
 }
 

@@ -13,11 +13,11 @@ struct NativeThread::Impl {
 
 NativeThread::NativeThread() : m_impl(std::make_unique<Impl>()) {}
 NativeThread::~NativeThread() {
-  Close();
+  Join();
 }
 
 bool NativeThread::Start(ThreadEntry entry, void* argument, int priority, bool suspended, size_t stackSize) {
-  Close();
+  Join();
   uintptr_t h =
       _beginthreadex(nullptr, static_cast<unsigned>(stackSize), reinterpret_cast<_beginthreadex_proc_type>(entry),
                      argument, CREATE_SUSPENDED, &m_impl->id);
@@ -74,8 +74,11 @@ bool NativeThread::Terminate(uint32_t exitCode) {
   return true;
 }
 
-void NativeThread::Close() {
-  if (m_impl->handle) CloseHandle(m_impl->handle);
+void NativeThread::Join() {
+  if (!m_impl->handle) return;
+  // TerminateThread only starts the end of a thread; the wait sees it through.
+  WaitForSingleObject(m_impl->handle, INFINITE);
+  CloseHandle(m_impl->handle);
   m_impl->handle = nullptr;
 }
 
