@@ -38,31 +38,46 @@ void CopyCut(char16_t* dst, size_t cap, WStringView src) {
 
 }  // namespace
 
-CDebug::CDebug(const char16_t* applicationName, bool banner) {
+// The file sink of one trace path: the path and the named mutex that writers of every process
+// take around one write.
+struct CDebug::FileSink {
+  explicit FileSink(const WString& p) : path(p) {
+    WString name = u"CFileDebug_" + path;
+    for (auto& c : name)
+      if (c == u'\\' || c == u':' || c == u'/') c = u'_';
+    mutex.Create(name);
+  }
+  WString path;
+  platform::NativeNamedMutex mutex;
+};
+
+CDebug::CDebug(const char16_t* applicationName, bool banner) : m_settings(std::make_shared<Settings>()) {
   Initialise(applicationName, banner);
 }
 
-CDebug::~CDebug() {
-  CloseFileMutex();
+CDebug::~CDebug() = default;
+
+std::shared_ptr<const CDebug::Settings> CDebug::Current() const {
+  std::lock_guard<std::mutex> lock(m_settingsLock);
+  return m_settings;
 }
 
-void CDebug::CloseFileMutex() {
-  if (m_fileMutex) {
-    m_fileMutex->Close();
-    m_fileMutex.reset();
-  }
+WString CDebug::FilePath() const {
+  auto s = Current();
+  return s->file ? s->file->path : WString();
 }
 
 void CDebug::Initialise(const char16_t* applicationName, bool banner) {
   m_active = 0;
-  m_timeStampOn = m_dateStampOn = m_threadIdOn = m_cpuIdOn = m_appNameOn = m_memUsageOn = m_handleCountOn = 0;
-  m_fileLevel = m_conLevel = m_winLevel = 0;
-  m_fileLimit = 0;
-  m_dynamicUpdate = 0;
-  CloseFileMutex();
-  m_filePath[0] = 0;
-  CopyCut(m_appName, 32, applicationName ? WStringView(applicationName) : WStringView());
-  LoadSettings();
+  {
+    std::lock_guard<std::mutex> load(m_loadLock);
+    {
+      std::lock_guard<std::mutex> lock(m_settingsLock);
+      m_settings = std::make_shared<Settings>();
+    }
+    CopyCut(m_appName, 32, applicationName ? WStringView(applicationName) : WStringView());
+    LoadSettingsLocked();
+  }
   if (IsActive() && banner) {
     platform::LocalTime t = platform::NowLocalTime();
     Trace(1, u"\n\n----- Application [%s] started at %02d:%02d:%02d %02d/%02d/%02d -----\n", m_appName, t.hour,
@@ -71,24 +86,32 @@ void CDebug::Initialise(const char16_t* applicationName, bool banner) {
 }
 
 void CDebug::LoadSettings() {
+  std::lock_guard<std::mutex> load(m_loadLock);
+  LoadSettingsLocked();
+}
+
+void CDebug::LoadSettingsLocked() {
+  const std::shared_ptr<const Settings> old = Current();
+  auto next = std::make_shared<Settings>(*old);
+  Settings& s = *next;
   uint32_t active = 0;
-  m_timeStampOn = m_dateStampOn = m_threadIdOn = m_cpuIdOn = m_appNameOn = m_memUsageOn = m_handleCountOn = 0;
-  m_dynamicUpdate = 0;
+  s.timeStampOn = s.dateStampOn = s.threadIdOn = s.cpuIdOn = s.appNameOn = s.memUsageOn = s.handleCountOn = 0;
+  s.dynamicUpdate = 0;
 
   if (auto global = platform::RegistryKey::OpenLocalMachine(u"SOFTWARE\\Debug")) {
-    global->ReadDword(u"DynamicUpdate", m_dynamicUpdate);
-    if (m_dynamicUpdate) active = 1;
+    global->ReadDword(u"DynamicUpdate", s.dynamicUpdate);
+    if (s.dynamicUpdate) active = 1;
   }
 
   WString keyPath = WString(u"SOFTWARE\\Debug\\") + m_appName;
   if (auto key = platform::RegistryKey::OpenLocalMachine(keyPath)) {
-    key->ReadDword(u"TimeStampOn", m_timeStampOn);
-    key->ReadDword(u"DateStampOn", m_dateStampOn);
-    key->ReadDword(u"ThreadIdOn", m_threadIdOn);
-    key->ReadDword(u"CpuIdOn", m_cpuIdOn);
-    key->ReadDword(u"AppNameOn", m_appNameOn);
-    key->ReadDword(u"MemUsageOn", m_memUsageOn);
-    key->ReadDword(u"HandleCountOn", m_handleCountOn);
+    key->ReadDword(u"TimeStampOn", s.timeStampOn);
+    key->ReadDword(u"DateStampOn", s.dateStampOn);
+    key->ReadDword(u"ThreadIdOn", s.threadIdOn);
+    key->ReadDword(u"CpuIdOn", s.cpuIdOn);
+    key->ReadDword(u"AppNameOn", s.appNameOn);
+    key->ReadDword(u"MemUsageOn", s.memUsageOn);
+    key->ReadDword(u"HandleCountOn", s.handleCountOn);
     uint32_t conLevel = 0, winLevel = 0, fileLevel = 0;
     key->ReadDword(u"ConDebugLevel", conLevel);
     key->ReadDword(u"WinDebugLevel", winLevel);
@@ -100,40 +123,34 @@ void CDebug::LoadSettings() {
       if (key->ReadString(u"TraceFile", path) && path.size() >= kPathChars) path.resize(kPathChars - 1);
     }
 
-    // File sink.
-    m_fileLevel = fileLevel;
-    m_fileLimit = limitMb << 20;
-    if (fileLevel && path != WStringView(m_filePath)) {
-      CloseFileMutex();
-      m_filePath[0] = 0;
-      if (!path.empty()) {
-        WString name = u"CFileDebug_" + path;
-        for (auto& c : name)
-          if (c == u'\\' || c == u':' || c == u'/') c = u'_';
-        m_fileMutex = std::make_unique<platform::NativeNamedMutex>();
-        m_fileMutex->Create(name);
-        CopyCut(m_filePath, kPathChars, path);
-      }
-    }
-    if (m_fileLevel > 0 && m_filePath[0]) active = 1;
+    // File sink: a new path gets a sink of its own; writers still on the old one finish there.
+    s.fileLevel = fileLevel;
+    s.fileLimit = limitMb << 20;
+    if (fileLevel && path != (old->file ? WStringView(old->file->path) : WStringView()))
+      s.file = path.empty() ? nullptr : std::make_shared<FileSink>(path);
+    if (s.fileLevel > 0 && s.file) active = 1;
 
     // Console sink.
-    m_conLevel = conLevel;
+    s.conLevel = conLevel;
     if (conLevel) {
-      if (!m_consoleOpen) m_consoleOpen = platform::ConsoleOpen();
+      if (!s.consoleOpen) s.consoleOpen = platform::ConsoleOpen();
       active = 1;
     }
 
     // Debugger sink.
-    m_winLevel = winLevel;
+    s.winLevel = winLevel;
     if (winLevel) active = 1;
   }
   m_lastReading = TickUnits();
+  {
+    std::lock_guard<std::mutex> lock(m_settingsLock);
+    m_settings = std::move(next);
+  }
   m_active = active;
 }
 
-bool CDebug::Takes(uint32_t level) const {
-  return (m_fileLevel >= level && m_filePath[0]) || (m_conLevel >= level && m_consoleOpen) || m_winLevel >= level;
+bool CDebug::Takes(const Settings& s, uint32_t level) {
+  return (s.fileLevel >= level && s.file) || (s.conLevel >= level && s.consoleOpen) || s.winLevel >= level;
 }
 
 void CDebug::Trace(uint32_t level, const char16_t* format, ...) {
@@ -146,12 +163,23 @@ void CDebug::Trace(uint32_t level, const char16_t* format, ...) {
 void CDebug::TraceV(uint32_t level, const char16_t* format, va_list args) {
   const uint32_t savedError = platform::GetLastErrorCode();
   if (level == 0) level = 1;
+  std::shared_ptr<const Settings> settings;
   try {
-    if (m_dynamicUpdate) {
+    settings = Current();
+    if (settings->dynamicUpdate) {
       uint64_t now = TickUnits();
-      if (now >= m_lastReading + m_dynamicUpdate || now < m_lastReading) LoadSettings();
+      uint64_t last = m_lastReading;
+      if (now >= last + settings->dynamicUpdate || now < last) {
+        // One thread reloads; the others trace on with the settings they have.
+        std::unique_lock<std::mutex> load(m_loadLock, std::try_to_lock);
+        if (load.owns_lock()) {
+          LoadSettingsLocked();
+          settings = Current();
+        }
+      }
     }
-    if (!Takes(level)) {
+    const Settings& s = *settings;
+    if (!Takes(s, level)) {
       platform::SetLastErrorCode(savedError);
       return;
     }
@@ -166,20 +194,20 @@ void CDebug::TraceV(uint32_t level, const char16_t* format, va_list args) {
     }
     const size_t stampStart = n;
     auto stamp = [&](const char16_t* fmt, auto... values) { n += WFormatTo(line + n, kLineChars - n, fmt, values...); };
-    if (m_dateStampOn || m_timeStampOn) {
+    if (s.dateStampOn || s.timeStampOn) {
       platform::LocalTime t = platform::NowLocalTime();
-      if (m_dateStampOn) stamp(u"[%02d-%02d-%02d] ", t.year, t.month, t.day);
-      if (m_timeStampOn) stamp(u"[%02d:%02d:%02d.%03d] ", t.hour, t.minute, t.second, t.millisecond);
+      if (s.dateStampOn) stamp(u"[%02d-%02d-%02d] ", t.year, t.month, t.day);
+      if (s.timeStampOn) stamp(u"[%02d:%02d:%02d.%03d] ", t.hour, t.minute, t.second, t.millisecond);
     }
-    if (m_threadIdOn) stamp(u"(%06d) ", static_cast<int>(platform::CurrentThreadId()));
+    if (s.threadIdOn) stamp(u"(%06d) ", static_cast<int>(platform::CurrentThreadId()));
     uint32_t cpu = 0;
-    if (m_cpuIdOn && platform::CurrentProcessorNumber(cpu)) stamp(u"#%02d ", static_cast<int>(cpu));
+    if (s.cpuIdOn && platform::CurrentProcessorNumber(cpu)) stamp(u"#%02d ", static_cast<int>(cpu));
     uint64_t pb = 0, mu = 0;
-    if (m_memUsageOn && platform::ProcessMemory(pb, mu))
+    if (s.memUsageOn && platform::ProcessMemory(pb, mu))
       stamp(u"{PB %05dkB, MU %05dkB} ", static_cast<int>(pb >> 10), static_cast<int>(mu >> 10));
     uint32_t handles = 0;
-    if (m_handleCountOn && platform::ProcessHandleCount(handles)) stamp(u"{%03d H} ", static_cast<int>(handles));
-    if (m_appNameOn) {
+    if (s.handleCountOn && platform::ProcessHandleCount(handles)) stamp(u"{%03d H} ", static_cast<int>(handles));
+    if (s.appNameOn) {
       size_t at = n;
       stamp(u"%-13s  ", m_appName);
       size_t nameLen = WLength(m_appName);
@@ -189,17 +217,18 @@ void CDebug::TraceV(uint32_t level, const char16_t* format, va_list args) {
       n = WFormatTo(line, kLineChars, u"%s", kTooSmall);
     }
     n += WFormatToV(line + n, kLineChars - n, f, args);
-    Emit(level, line, n);
-  } catch (...) {
-    Emit(level, kException, sizeof kException / sizeof kException[0] - 1);
+    Emit(s, level, line, n);
+  }
+  EM_CATCH_THREAD_CANCEL catch (...) {
+    if (settings) Emit(*settings, level, kException, sizeof kException / sizeof kException[0] - 1);
   }
   platform::SetLastErrorCode(savedError);
 }
 
-void CDebug::Emit(uint32_t level, const char16_t* text, size_t length) {
-  if (m_fileLevel >= level && m_filePath[0]) WriteFile(text, length);
-  if (m_conLevel >= level && m_consoleOpen) platform::ConsoleWrite(WStringView(text, length));
-  if (m_winLevel >= level) {
+void CDebug::Emit(const Settings& s, uint32_t level, const char16_t* text, size_t length) {
+  if (s.fileLevel >= level && s.file) WriteFile(s, text, length);
+  if (s.conLevel >= level && s.consoleOpen) platform::ConsoleWrite(WStringView(text, length));
+  if (s.winLevel >= level) {
     // The debugger gets whole lines; the first line feed only ends the line before.
     size_t i = (length && text[0] == u'\n') ? 1 : 0;
     while (i < length) {
@@ -216,11 +245,18 @@ void CDebug::Emit(uint32_t level, const char16_t* text, size_t length) {
   }
 }
 
-void CDebug::WriteFile(const char16_t* text, size_t length) {
-  WString path(m_filePath);
-  if (path.empty()) return;
-  // The write goes on whatever the wait gave; only a mutex that was taken is released.
-  bool locked = m_fileMutex && m_fileMutex->Acquire(kFileMutexWaitMs);
+void CDebug::WriteFile(const Settings& s, const char16_t* text, size_t length) {
+  FileSink& sink = *s.file;
+  const WString& path = sink.path;
+  // The write goes on whatever the wait gave; only a mutex that was taken is released, also when
+  // the thread is ended by force in the middle of the write.
+  struct Held {
+    platform::NativeNamedMutex& mutex;
+    bool locked;
+    ~Held() {
+      if (locked) mutex.Release();
+    }
+  } held{sink.mutex, sink.mutex.Acquire(kFileMutexWaitMs)};
 
   bool utf16 = true;
   uint64_t size = 0;
@@ -234,7 +270,7 @@ void CDebug::WriteFile(const char16_t* text, size_t length) {
     else if (size != 0)
       utf16 = false;
   }
-  if (m_fileLimit && sizeKnown && size >= m_fileLimit) {
+  if (s.fileLimit && sizeKnown && size >= s.fileLimit) {
     WString rolled = path + u".txt";
     platform::RemoveFilePath(rolled);
     platform::RenamePath(path, rolled);
@@ -270,5 +306,4 @@ void CDebug::WriteFile(const char16_t* text, size_t length) {
   }
   if (start < length) appendSegment(start, length, false);
   platform::AppendToFile(path, bytes.data(), bytes.size());
-  if (locked) m_fileMutex->Release();
 }

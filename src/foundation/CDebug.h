@@ -7,12 +7,9 @@
 #include <cstdarg>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "base/WString.h"
-
-namespace platform {
-class NativeNamedMutex;
-}
 
 class CDebug {
  public:
@@ -35,30 +32,37 @@ class CDebug {
   const char16_t* ApplicationName() const { return m_appName; }
 
   // Settings as loaded, for the tests and the banner.
-  uint32_t FileLevel() const { return m_fileLevel; }
-  uint32_t ConsoleLevel() const { return m_conLevel; }
-  uint32_t DebuggerLevel() const { return m_winLevel; }
-  uint32_t FileLimit() const { return m_fileLimit; }
-  WString FilePath() const { return WString(m_filePath); }
+  uint32_t FileLevel() const { return Current()->fileLevel; }
+  uint32_t ConsoleLevel() const { return Current()->conLevel; }
+  uint32_t DebuggerLevel() const { return Current()->winLevel; }
+  uint32_t FileLimit() const { return Current()->fileLimit; }
+  WString FilePath() const;
 
  private:
-  bool Takes(uint32_t level) const;
-  void Emit(uint32_t level, const char16_t* text, size_t length);
-  void WriteFile(const char16_t* text, size_t length);
-  void CloseFileMutex();
+  struct FileSink;
+  // One loaded set of settings. It is never changed once published: a reload publishes a new one
+  // and threads that are tracing go on with the one they took, so that changing the trace file
+  // on a running agent cannot pull a sink from under a writer.
+  struct Settings {
+    uint32_t fileLevel = 0, conLevel = 0, winLevel = 0, fileLimit = 0;
+    uint32_t timeStampOn = 0, dateStampOn = 0, threadIdOn = 0, cpuIdOn = 0, appNameOn = 0, memUsageOn = 0,
+             handleCountOn = 0;
+    uint32_t dynamicUpdate = 0;
+    bool consoleOpen = false;
+    std::shared_ptr<FileSink> file;  // kept while the file level is 0, as the path is
+  };
 
-  std::unique_ptr<platform::NativeNamedMutex> m_fileMutex;
-  char16_t m_filePath[kPathChars] = {0};
-  uint32_t m_fileLimit = 0;
-  uint32_t m_fileLevel = 0;
-  uint32_t m_conLevel = 0;
-  bool m_consoleOpen = false;
-  uint32_t m_winLevel = 0;
+  std::shared_ptr<const Settings> Current() const;
+  void LoadSettingsLocked();
+  static bool Takes(const Settings& s, uint32_t level);
+  void Emit(const Settings& s, uint32_t level, const char16_t* text, size_t length);
+  static void WriteFile(const Settings& s, const char16_t* text, size_t length);
+
+  mutable std::mutex m_settingsLock;  // guards the pointer only, for a copy or a swap
+  std::shared_ptr<const Settings> m_settings;
+  std::mutex m_loadLock;  // one load at a time
   char16_t m_appName[32] = {0};
-  uint32_t m_timeStampOn = 0, m_dateStampOn = 0, m_threadIdOn = 0, m_cpuIdOn = 0, m_appNameOn = 0, m_memUsageOn = 0,
-           m_handleCountOn = 0;
-  uint32_t m_dynamicUpdate = 0;
-  uint64_t m_lastReading = 0;
+  std::atomic<uint64_t> m_lastReading{0};
   std::atomic<uint32_t> m_active{0};
 };
 

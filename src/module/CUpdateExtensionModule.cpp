@@ -58,7 +58,9 @@ int CUpdateExtensionModule::GetCabinetNumber(uint32_t* number) {
 }
 
 int CUpdateExtensionModule::StartModule(IModuleHost* host, uint32_t identifier) {
-  TRACE(1, u"%s\n### Starting module %s ###\n", kSeparator, g_moduleTraceName);
+  // The separator and the text are two messages, so that each line gets its stamps.
+  TRACE(1, kSeparator);
+  TRACE(1, u"\n### Starting module %s ###\n", g_moduleTraceName);
   CExtensionModule::StartModule(host, identifier);
   // The components in their order; a failed allocation leaves a null pointer and the start goes
   // on. The check, the scheduler and the jobs join as they are built; until then their opcodes
@@ -66,7 +68,8 @@ int CUpdateExtensionModule::StartModule(IModuleHost* host, uint32_t identifier) 
   m_util = new (std::nothrow) UM_Util(this);
   m_config = new (std::nothrow) UM_Config(this, m_util);
   StartSerialization();
-  TRACE(1, u"\n\n### Start of module %s completed successfully ###%s", g_moduleTraceName, kSeparator);
+  TRACE(1, u"\n\n### Start of module %s completed successfully ###", g_moduleTraceName);
+  TRACE(1, kSeparator);
   return 1;
 }
 
@@ -80,11 +83,12 @@ void CUpdateExtensionModule::OnSwitchStarted() {
         static_cast<int>(checkReady));
   TRACE(1, u"\n serverCabId=%d, myCabId=%d,cabok=%d\n", static_cast<int>(ServerCabinetNumber()),
         static_cast<int>(cabinet), cabOk);
-  TRACE(1, u"%s", kSeparator);
+  TRACE(1, kSeparator);
 }
 
 int CUpdateExtensionModule::StopModule() {
-  TRACE(1, u"%s\n### Stopping module %s ###\n", kSeparator, g_moduleTraceName);
+  TRACE(1, kSeparator);
+  TRACE(1, u"\n### Stopping module %s ###\n", g_moduleTraceName);
   TerminateSerialization();
   if (m_host) m_host->ModuleStopping(this);
   TRACE(2, u"\n### Send update stop event to module %s ###\n", g_moduleTraceName);
@@ -94,7 +98,8 @@ int CUpdateExtensionModule::StopModule() {
   m_util = nullptr;
   delete m_config;
   m_config = nullptr;
-  TRACE(1, u"\n\n### Stop of module %s completed successfully ###%s", g_moduleTraceName, kSeparator);
+  TRACE(1, u"\n\n### Stop of module %s completed successfully ###", g_moduleTraceName);
+  TRACE(1, kSeparator);
   return 1;
 }
 

@@ -1,5 +1,6 @@
-// A mutex shared between processes by name. On POSIX it is an in-process lock plus flock on a lock
-// file in the temporary directory, so that threads and processes exclude each other alike.
+// A mutex shared between processes by name. On POSIX it is an in-process lock plus an abstract unix
+// socket address bound while held, so that threads and processes exclude each other alike and no
+// file is left behind.
 #pragma once
 
 #include <cstdint>

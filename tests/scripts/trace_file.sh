@@ -31,7 +31,11 @@ grep -Fq '*** NodeWarden module EM_MENDER loaded ***' <<<"$text" || fail "no loa
 grep -Eq ' Module description : Update filter module$' <<<"$text" || fail "no module description in the banner"
 grep -Eq '     Module version : [0-9]+\.[0-9]+\.[0-9]+\.[0-9]+$' <<<"$text" || fail "no module version in the banner"
 grep -Eq '       File version : [0-9]+\.[0-9]+\.[0-9]+\.[0-9]+$' <<<"$text" || fail "no file version in the banner"
-grep -Fq '### Starting module EM_MENDER ###' <<<"$text" || fail "no start line in the trace"
+# The start and stop lines carry their stamps like every other line.
+for banner in '### Starting module EM_MENDER ###' '### Stopping module EM_MENDER ###'; do
+  grep -Eq "^\[[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}\] EM_MENDER: +$banner\$" <<<"$text" ||
+    fail "no stamped line '$banner': $(grep -F "$banner" <<<"$text" | head -2)"
+done
 grep -Eq '^\[[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}\] EM_MENDER:    .*OC 0x3331' <<<"$text" ||
   fail "request line without its time and name stamps: $(grep -F 'OC 0x3331' <<<"$text" | head -2)"
 grep -Fq '### Stop of module EM_MENDER completed successfully ###' <<<"$text" || fail "no stop line in the trace"

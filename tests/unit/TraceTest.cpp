@@ -1,12 +1,22 @@
 // The trace facility: its registry settings, stamps, sinks, rolling and encodings.
 #include <gtest/gtest.h>
 
+#ifndef _WIN32
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
+#include <atomic>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "base/WFormat.h"
 #include "foundation/CDebug.h"
 #include "platform/Clock.h"
 #include "platform/FileIo.h"
+#include "platform/NamedMutex.h"
+#include "platform/Thread.h"
 #include "tests/unit/TestRegistry.h"
 
 namespace {
@@ -166,6 +176,106 @@ TEST_F(TraceFileTest, WithoutDynamicUpdateChangesWaitForTheNextLoad) {
   debug.Trace(1, u"lost");
   EXPECT_FALSE(platform::FileExists(file));
 }
+
+// Support changes the trace file on a running agent while its threads trace: every thread reloads
+// the settings at its next message, and no thread may be left writing through a sink that
+// another one has just replaced.
+TEST_F(TraceFileTest, TraceFileChangedWhileThreadsTrace) {
+  platform::VirtualClock clock(5000);
+  platform::SetClock(&clock);
+  const WString other = dir + platform::kPathSeparator + u"trace2.log";
+  platform::RemoveFilePath(other);
+  reg.Dword(u"SOFTWARE\\Debug", u"DynamicUpdate", 1);  // every 1024 ms of the clock
+  reg.Dword(kKey, u"FileDebugLevel", 3);
+  reg.String(kKey, u"TraceFile", file);
+  CDebug debug(u"EM_TEST_TRACE", false);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> tracers;
+  for (int t = 0; t < 3; ++t)
+    tracers.emplace_back([&, t] {
+      for (int i = 0; !stop; ++i) debug.Trace(1, u"\nthread %d line %d", t, i);
+    });
+  for (int round = 0; round < 40; ++round) {
+    reg.String(kKey, u"TraceFile", round % 2 ? file : other);
+    clock.Advance(1024);
+    platform::SleepRealMicros(2000);
+  }
+  stop = true;
+  for (auto& t : tracers) t.join();
+  // Each file holds whole lines only: no write went through a sink half replaced.
+  for (const WString& f : {file, other}) {
+    const WString text = Utf16Text(ReadBytes(f));
+    EXPECT_FALSE(text.empty());
+    size_t at = 0, lines = 0;
+    while ((at = text.find(u"\r\n", at)) != WString::npos) {
+      at += 2;
+      const size_t end = text.find(u"\r\n", at);
+      const WString line = text.substr(at, end == WString::npos ? WString::npos : end - at);
+      EXPECT_EQ(line.rfind(u"thread ", 0), 0u) << WToUtf8(line);
+      ++lines;
+    }
+    EXPECT_GT(lines, 0u);
+  }
+  platform::RemoveFilePath(other);
+  platform::SetClock(nullptr);
+}
+
+#ifndef _WIN32
+// Another process holds the trace file's mutex while a thread of ours that traces is ended by
+// force: the thread ends, and it leaves neither the in-process lock held nor a file behind.
+TEST_F(TraceFileTest, KilledTracerLeavesTheFileMutexFree) {
+  const WString path = dir + u"/killed.log";
+  WString name = u"CFileDebug_" + path;
+  for (auto& c : name)
+    if (c == u'/') c = u'_';
+  platform::RemoveFilePath(platform::TempDirectory() + u"/" + name + u".lock");  // of an older build
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {  // the other process: holds the mutex for a while
+    platform::NativeNamedMutex held;
+    held.Create(name);
+    const char byte = held.Acquire(1000) ? 1 : 0;
+    if (::write(ready[1], &byte, 1) != 1) ::_exit(2);
+    platform::SleepRealMicros(600000);
+    ::_exit(0);
+  }
+  char byte = 0;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  ASSERT_EQ(byte, 1);
+  reg.Dword(kKey, u"FileDebugLevel", 1);
+  reg.String(kKey, u"TraceFile", path);
+  CDebug debug(u"EM_TEST_TRACE", false);
+  std::pair<CDebug*, int> arg{&debug, 0};
+  platform::NativeThread tracer;
+  ASSERT_TRUE(tracer.Start(
+      [](void* p) -> unsigned {
+        auto* a = static_cast<std::pair<CDebug*, int>*>(p);
+        for (;;) {
+          a->first->Trace(1, u"\nline %d", a->second++);
+          platform::SleepMs(1);
+        }
+      },
+      &arg, 0, false, 0));
+  platform::SleepRealMicros(150000);
+  EXPECT_TRUE(tracer.Terminate(0));
+  tracer.Join();
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_GT(arg.second, 0);
+  platform::NativeNamedMutex after;
+  after.Create(name);
+  EXPECT_TRUE(after.Acquire(200)) << "the killed tracer left the in-process lock held";
+  after.Release();
+  std::vector<platform::DirEntry> entries;
+  platform::ListDirectory(platform::TempDirectory(), entries);
+  for (const auto& e : entries) EXPECT_EQ(e.name.find(u"killed.log"), WString::npos) << WToUtf8(e.name);
+  ::close(ready[0]);
+  ::close(ready[1]);
+  platform::RemoveFilePath(path);
+}
+#endif
 
 TEST(WFormat, PrintfCompatibleConversions) {
   EXPECT_EQ(WFormat(u"%d|%u|%x|%X|%04X|%%|%c", -5, 7u, 255u, 255u, 10u, u'z'), u"-5|7|ff|FF|000A|%|z");

@@ -89,6 +89,22 @@ TEST_F(UtilTest, DirectoriesAndTheFirstCallQuirk) {
   EXPECT_EQ(other.umGetDataDir(), UM_Util::FallbackDirectory());
 }
 
+// A plain file where the module's directory should be is no directory: the fixed fall-back
+// applies, rather than an empty answer that would put the repository at the root of the disk.
+TEST_F(UtilTest, FileStandingWhereADirectoryShouldBe) {
+  const WString plain = root + kSep + u"plain";
+  platform::CreateDirectoryPath(plain);
+  ASSERT_TRUE(platform::WriteWholeFile(plain + kSep + u"EM_MENDER", "x", 1));
+  reg.String(kData, u"DataRoot", plain);
+  reg.String(kSetup, u"TempRoot", plain);
+  UM_Util util(nullptr);
+  EXPECT_EQ(util.umGetDataDir(), UM_Util::FallbackDirectory());
+  EXPECT_EQ(util.umGetWorkDir(), UM_Util::FallbackDirectory());
+  EXPECT_EQ(util.umGetLogDir(), UM_Util::FallbackDirectory());
+  EXPECT_FALSE(platform::CreateDirectoryPath(plain + kSep + u"EM_MENDER"));
+  EXPECT_TRUE(platform::CreateDirectoryPath(plain));  // an existing directory is fine
+}
+
 TEST_F(UtilTest, CheckLogLinesWithAndWithoutDate) {
   reg.String(kSetup, u"TempRoot", root);
   platform::VirtualClock clock(1709298309u);  // 1 March 2024 13:05:09 as local seconds

@@ -120,7 +120,9 @@ uint32_t CreateDirectoryError(const WString& path) {
 }
 
 bool CreateDirectoryPath(const WString& path) {
-  return ::mkdir(N(path).c_str(), 0777) == 0 || errno == EEXIST;
+  // Something that exists under the name counts only when it is a directory: a plain file there
+  // must make the caller take its fall-back.
+  return ::mkdir(N(path).c_str(), 0777) == 0 || (errno == EEXIST && DirectoryExists(path));
 }
 
 bool RemoveDirectoryPath(const WString& path) {

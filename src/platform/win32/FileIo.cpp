@@ -99,7 +99,9 @@ uint32_t CreateDirectoryError(const WString& path) {
 }
 
 bool CreateDirectoryPath(const WString& path) {
-  return CreateDirectoryW(W32(path), nullptr) != 0 || GetLastError() == ERROR_ALREADY_EXISTS;
+  // Something that exists under the name counts only when it is a directory: a plain file there
+  // must make the caller take its fall-back.
+  return CreateDirectoryW(W32(path), nullptr) != 0 || (GetLastError() == ERROR_ALREADY_EXISTS && DirectoryExists(path));
 }
 
 bool RemoveDirectoryPath(const WString& path) {
