@@ -8,7 +8,7 @@
 
 namespace platform {
 
-class NativeEvent : public Waitable {
+class NativeEvent final : public Waitable {
  public:
   NativeEvent();  // unnamed, manual-reset, not signalled
   ~NativeEvent();

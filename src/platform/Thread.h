@@ -25,7 +25,7 @@ void ThrowIfKilled();
 
 using ThreadEntry = unsigned (*)(void* argument);
 
-class NativeThread : public Waitable {
+class NativeThread final : public Waitable {
  public:
   NativeThread();
   ~NativeThread();  // joins the thread
