@@ -65,8 +65,8 @@ CUpdateExtensionModule* StartedModule() {
     platform::CreateDirectoryPath(root);
     platform::SetEnv(u"NODEWARDEN_REGISTRY", root + u"/registry.reg");
     // The module's waits (the volume search's rounds, the serializer's pauses) take no time.
-    static platform::VirtualClock clock(1700000000u, 0);
-    platform::SetClock(&clock);
+    // Both live to the end of the process, as the module's worker thread does.
+    platform::SetClock(new platform::VirtualClock(1700000000u, 0));
     platform::SetEnv(u"EM_MENDER_MOUNTINFO", root + u"/mountinfo");
     platform::SetEnv(u"EM_MENDER_DISK_BY_LABEL", root + u"/by-label");
     const WString base = u"SOFTWARE\\Hadley Brandt\\Management\\Node Warden";
