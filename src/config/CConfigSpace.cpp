@@ -49,6 +49,51 @@ void SetStatusOk(RequestMessage& message) {
   SetCommandValue(message, GetCurrentCommand(message), kKeyST, ST_OK, false);
 }
 
+// The stored form of a text: each line break, whatever its form, becomes "||". A carriage return
+// left in the text would end the entry in the file and the rest would be read as entries of
+// their own.
+WString StoredLines(WStringView text) {
+  if (text.find_first_of(u"\r\n") == WStringView::npos) return WString(text);
+  WString stored;
+  stored.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == u'\r' || text[i] == u'\n') {
+      stored += u"||";
+      if (text[i] == u'\r' && i + 1 < text.size() && text[i + 1] == u'\n') ++i;
+    } else {
+      stored += text[i];
+    }
+  }
+  return stored;
+}
+
+// Whether a text needs a pair of quotation marks around it in the file. Every reader of the file
+// drops the blanks around a value and one pair of enclosing quotation marks; a text that begins
+// or ends with a blank (or any character a reader might take for one) or with a quotation mark
+// would not read back whole without a pair of its own, which the reader drops again.
+bool InIniQuotes(WStringView text) {
+  if (text.empty()) return false;
+  auto edge = [](char16_t c) { return c <= u' ' || c == u'"' || c == u'\'' || c >= 0x7F; };
+  return edge(text.front()) || edge(text.back());
+}
+
+// Why a text cannot be stored so that it reads back whole; null when it can.
+const char16_t* RefusalOf(WStringView clear, WStringView stored) {
+  if (clear.find(u'\0') != WStringView::npos || stored.find(u'\0') != WStringView::npos)
+    return u"it holds a terminator, at which the stored text would end";
+  if (stored.size() > CConfigSpace::kLongestStoredText) return u"it is too long to be read back";
+  return nullptr;
+}
+
+// A refused text leaves both keys as they were: the old value stays readable.
+int Refuse(RequestMessage& message, const char16_t* caller, const char16_t* why, bool* refused) {
+  TRACE(1, u"CConfigSpace::%s()\t: ERROR! text of OpCodeExt %04X refused, nothing stored: %s\n", caller,
+        GetCommandValue(message, message.commandIndex, kKeyOE, 0), why);
+  SetCommandValue(message, GetCurrentCommand(message), kKeyST, ST_FAILED, false);
+  if (refused) *refused = true;
+  return 0;
+}
+
 }  // namespace
 
 const WString& CConfigSpace::ReadActiveSection() {
@@ -227,7 +272,7 @@ int CConfigSpace::WriteNumber(RequestMessage& message, const char16_t* section) 
 }
 
 int CConfigSpace::StoreText(RequestMessage& message, const char16_t* section, const WString& text,
-                            const char16_t* caller) {
+                            const char16_t* caller, bool* refused) {
   const WString key = ValueKey(message);
   const WString sizeKey = key + u".Size";
   if (section == nullptr) section = m_section.c_str();
@@ -238,7 +283,8 @@ int CConfigSpace::StoreText(RequestMessage& message, const char16_t* section, co
     ok = m_commonFile.DeleteKey(section, key.c_str());
     m_commonFile.WriteSigned(section, sizeKey.c_str(), 0);
   } else {
-    ok = m_commonFile.WriteString(section, key.c_str(), text.c_str());
+    ok = m_commonFile.WriteString(section, key.c_str(),
+                                  InIniQuotes(text) ? (u"\"" + text + u"\"").c_str() : text.c_str());
     if (ok) {
       m_commonFile.WriteUnsigned(section, sizeKey.c_str(), static_cast<uint32_t>(text.size()));
     } else {
@@ -248,18 +294,28 @@ int CConfigSpace::StoreText(RequestMessage& message, const char16_t* section, co
     }
   }
   SetCommandValue(message, GetCurrentCommand(message), kKeyST, ok ? ST_OK : ST_FAILED, false);
+  if (refused) *refused = false;
   return ok ? 1 : 0;
 }
 
-int CConfigSpace::WriteText(RequestMessage& message, const char16_t* section) {
+int CConfigSpace::WriteText(RequestMessage& message, const char16_t* section, bool* refused) {
   WString text;
   GetDataString(message, message.commandIndex, text, 0);
-  return StoreText(message, section, WReplaceAll(text, u"\n", u"||"), u"WriteText");
+  // The stored form is never shorter than the text: most refusals need no conversion.
+  if (const char16_t* why = RefusalOf(text, text)) return Refuse(message, u"WriteText", why, refused);
+  const WString stored = StoredLines(text);
+  if (const char16_t* why = RefusalOf(text, stored)) return Refuse(message, u"WriteText", why, refused);
+  return StoreText(message, section, stored, u"WriteText", refused);
 }
 
-int CConfigSpace::WritePassword(RequestMessage& message, const char16_t* section) {
+int CConfigSpace::WritePassword(RequestMessage& message, const char16_t* section, bool* refused) {
   WString text, stored;
   GetDataString(message, message.commandIndex, text, 0);
+  // Checked on the clear text first: the cipher would carry a terminator into the stored text,
+  // and the deciphered password ends at it.
+  if (const char16_t* why = RefusalOf(text, u"")) return Refuse(message, u"WritePassword", why, refused);
   if (GetDataLength(message, message.commandIndex) != 0) EncryptPassword(stored, text);
-  return StoreText(message, section, WReplaceAll(stored, u"\n", u"||"), u"WritePassword");
+  stored = StoredLines(stored);
+  if (const char16_t* why = RefusalOf(text, stored)) return Refuse(message, u"WritePassword", why, refused);
+  return StoreText(message, section, stored, u"WritePassword", refused);
 }

@@ -46,10 +46,18 @@ class CConfigSpace {
   // As ReadTextValue, then deciphers the stored text into clear text.
   int ReadPassword(RequestMessage& message, int fallback, const char16_t* section);
 
+  // The longest text the store takes, counted as stored (line breaks as "||", passwords
+  // enciphered): what is longer would read back as absent.
+  static constexpr uint32_t kLongestStoredText = CIniFile::kLongestValue;
+
   // Nonzero on success ("ST" 0); on failure "ST" is 6.
   int WriteNumber(RequestMessage& message, const char16_t* section);
-  int WriteText(RequestMessage& message, const char16_t* section);
-  int WritePassword(RequestMessage& message, const char16_t* section);
+  // Every line break of the text (LF, CR LF or a lone CR) is stored as "||". A text that could not
+  // be read back whole (one holding a terminator, or longer than kLongestStoredText as stored) is
+  // refused: 0, "ST" 6, nothing stored, and `refused` (if given) set; a failed ini write leaves it
+  // clear.
+  int WriteText(RequestMessage& message, const char16_t* section, bool* refused = nullptr);
+  int WritePassword(RequestMessage& message, const char16_t* section, bool* refused = nullptr);
 
   // One look-up in one file: the key of the command's address (the OE alone with useDefaultKey),
   // sized by its ".Size" or ".Size[]" key. Loads "DA" and sets "ST" 0 when a size key is there;
@@ -67,7 +75,8 @@ class CConfigSpace {
  private:
   int ReadInto(RequestMessage& message, int fallback, const char16_t* section, bool textOnly);
   WString ValueKey(const RequestMessage& message) const;
-  int StoreText(RequestMessage& message, const char16_t* section, const WString& text, const char16_t* caller);
+  int StoreText(RequestMessage& message, const char16_t* section, const WString& text, const char16_t* caller,
+                bool* refused);
 
   CIniFile m_defaultFile;
   CIniFile m_commonFile;

@@ -72,8 +72,10 @@ const char16_t* CIniFile::GetIniText(const char16_t* section, const char16_t* ke
   while (ReadWithCapacity(capacity, section, key, def, copied)) {
     // The system's read says "cut" only by filling the buffer to its last one or two places.
     if (copied + 1 != m_capacity && copied + 2 != m_capacity) return m_buffer.get();
-    if (m_capacity + kBufferStep >= kBufferLimit) break;
-    capacity = m_capacity + kBufferStep;
+    if (m_capacity >= kLargestBuffer) break;
+    // Straight to the largest buffer: growing it a step at a time would read the whole file once
+    // a step, which for a long value in a large file costs minutes at every start.
+    capacity = kLargestBuffer;
   }
   TRACE(1, u"CIniFile::GetIniText()\t: value of '%s' does not fit %u characters - taken as absent\n", key,
         static_cast<unsigned>(m_capacity));

@@ -12,6 +12,11 @@ class CIniFile {
  public:
   static constexpr uint32_t kBufferStep = 1024;    // characters
   static constexpr uint32_t kBufferLimit = 65536;  // the buffer stays below this many characters
+  // The largest buffer, the last multiple of the step below the limit: 64,512 characters.
+  static constexpr uint32_t kLargestBuffer = (kBufferLimit - 1) / kBufferStep * kBufferStep;
+  // The longest value that reads back whole (64,509 characters): a read that fills the buffer to
+  // its last one or two places cannot be told from a cut one.
+  static constexpr uint32_t kLongestValue = kLargestBuffer - 3;
 
   CIniFile() = default;
   CIniFile(const CIniFile&) = delete;
@@ -32,8 +37,9 @@ class CIniFile {
   void Close() { m_open = 0; }
   bool IsOpen() const { return m_open != 0 && !m_fileName.empty(); }
 
-  // The value text, in this object's buffer (copy it at once), or `def`. A value too long for the
-  // largest buffer reads as absent.
+  // The value text, in this object's buffer (copy it at once), or `def`. A value longer than
+  // kLongestValue reads as absent. The file is read at most twice: a value that fills the first
+  // buffer is read again into the largest one.
   const char16_t* GetIniText(const char16_t* section, const char16_t* key, const char16_t* def);
   // The value as a number (see platform/PrivateProfile.h), or `def` as unsigned.
   uint32_t GetIniInt(const char16_t* section, const char16_t* key, int32_t def);

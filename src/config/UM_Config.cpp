@@ -270,7 +270,7 @@ void UM_Config::AnswerSetting(RequestMessage& m, const Setting& s) {
     SetDataString(m, command, *t);
 }
 
-void UM_Config::WriteSetting(RequestMessage& m, const Setting& s) {
+bool UM_Config::WriteSetting(RequestMessage& m, const Setting& s) {
   const int32_t i = m.commandIndex;
   const int64_t length = GetDataLength(m, i);
   CCriticalSectionLock lock(m_lock);
@@ -287,10 +287,14 @@ void UM_Config::WriteSetting(RequestMessage& m, const Setting& s) {
     uint32_t v = 0;
     if (GetDataValue(m, i, v)) *n = v;
   } else if (WString* t = TextField(s.oe)) {
+    bool refused = false;
     if (s.kind == Kind::Password)
-      configSpace.WritePassword(m, nullptr);
+      configSpace.WritePassword(m, nullptr, &refused);
     else
-      configSpace.WriteText(m, nullptr);
+      configSpace.WriteText(m, nullptr, &refused);
+    // A text the store cannot keep whole would be answered now and be gone (or cut) after the
+    // next start: the setting keeps its value and the requester learns of the refusal.
+    if (refused) return false;
     WString v;
     if (GetDataString(m, i, v, 0)) *t = v;
     if (s.oe == kOeRepositoryPath && length == 0) {
@@ -301,6 +305,7 @@ void UM_Config::WriteSetting(RequestMessage& m, const Setting& s) {
       if (!found) repositoryPath = defaultRepositoryPath;
     }
   }
+  return true;
 }
 
 int UM_Config::request(RequestMessage& m) {
@@ -331,8 +336,11 @@ int UM_Config::request(RequestMessage& m) {
   }
   if (oc == CM_ReadConfigurationSpace) {
     AnswerSetting(m, *s);
-  } else {
-    WriteSetting(m, *s);
+  } else if (!WriteSetting(m, *s)) {
+    // Refused, not failed: the data goes, "ST" 6 says why nothing changed.
+    ClearData(m, ST_FAILED);
+    TRACE(2, u"\nUM_Config::request()\t: END, %s refused", s->name);
+    return 1;
   }
   // A failed ini write is not the requester's concern: the field holds the new value.
   SetCommandValue(m, GetCurrentCommand(m), kKeyST, ST_OK, false);

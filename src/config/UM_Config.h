@@ -110,7 +110,8 @@ class UM_Config {
   bool WriteOwnSetting(uint32_t oe, const WString* text, uint8_t byte, const char16_t* caller);
   void ReadSetting(const Setting& s);
   void AnswerSetting(RequestMessage& message, const Setting& s);
-  void WriteSetting(RequestMessage& message, const Setting& s);
+  // False when the value is refused (nothing stored, the field unchanged).
+  bool WriteSetting(RequestMessage& message, const Setting& s);
   uint8_t* ByteField(uint32_t oe);
   uint32_t* NumberField(uint32_t oe);
   WString* TextField(uint32_t oe);

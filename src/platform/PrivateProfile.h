@@ -27,7 +27,30 @@ uint32_t ProfileReadInt(const WString& file, const char16_t* section, const char
 
 // Writes `key`=`value` into `section`, creating the section (at the end of the file) and the file
 // as needed. A null value removes the key; a null key removes the whole section. True on success.
+// Refuses (false, file untouched) what ProfileWriteStaysInItsLine refuses.
 bool ProfileWrite(const WString& file, const char16_t* section, const char16_t* key, const char16_t* value);
+
+// Whether a write of these names and value changes nothing but its own entry. The file holds one
+// entry a line, so a line break (CR or LF) anywhere would end the entry and let the rest be read
+// as further entries or a section header; a key holding "=" would be read back as a shorter key,
+// and a key starting with "[" as a header. Both platforms check this before the file is touched:
+// the system's own call on Windows writes such text as it is.
+inline bool ProfileWriteStaysInItsLine(const char16_t* section, const char16_t* key, const char16_t* value) {
+  auto breaksLine = [](const char16_t* s) {
+    for (; s != nullptr && *s != 0; ++s)
+      if (*s == u'\r' || *s == u'\n') return true;
+    return false;
+  };
+  if (breaksLine(section) || breaksLine(key) || breaksLine(value)) return false;
+  if (key != nullptr) {
+    const char16_t* k = key;
+    while (*k != 0 && *k <= u' ') ++k;  // whatever a reader may take for a blank
+    if (*k == u'[') return false;
+    for (; *k != 0; ++k)
+      if (*k == u'=') return false;
+  }
+  return true;
+}
 
 // Whether `path` lies on a medium that cannot be written: a CD-ROM drive on Windows, a read-only
 // mounted file system on POSIX (a path that does not exist yet is judged by its nearest existing

@@ -73,4 +73,52 @@ text=$(common)
 grep -q '^1A43\.FFFF\.0000=' <<<"$text" && fail "emptied password still stored"
 grep -Fxq '1A43.FFFF.0000.Size=0' <<<"$text" || fail "emptied password without size 0: $text"
 
+# A carriage return in a text is a line break of that text: it plants no other setting, before or
+# after the restart. A text with a terminator inside would be stored cut: it is refused.
+host --registry "$settings" >/dev/null <<'SCRIPT'
+{"op":"request","OC":57346,"OE":6727,"CA":0,"DA":"updates.example"}
+SCRIPT
+out=$(host --registry "$settings" <<'SCRIPT'
+{"op":"request","OC":57346,"OE":6722,"CA":0,"DA":"alice\r1A47.FFFF.0000=evil.example.com\r1A47.FFFF.0000.Size=16"}
+{"op":"request","OC":57345,"OE":6727,"CA":0}
+{"op":"request","OC":57346,"OE":6728,"CA":0,"DA":"ab\u0000cd"}
+{"op":"request","OC":57345,"OE":6728,"CA":0}
+{"op":"restart"}
+{"op":"request","OC":57345,"OE":6722,"CA":0}
+{"op":"request","OC":57345,"OE":6727,"CA":0}
+SCRIPT
+)
+expect_line "$out" '{"op":"reply","OC":57346,"ret":1,"ST":6}'
+expect_line "$out" '{"op":"reply","OC":57345,"ret":1,"ST":0,"DA":"alice||1A47.FFFF.0000=evil.example.com||1A47.FFFF.0000.Size=16"}'
+expect_no_match "$out" 'evil.example.com"}$'
+expect_no_match "$out" '"DA":"ab'
+[ "$(grep -c '"DA":"updates.example"' <<<"$out")" -eq 2 ] || fail "the server address changed: $out"
+
+# nwhost config: numbers must be numbers of the setting's kind; an emptied text reads back empty.
+config() {
+  if [ -n "$RUN" ]; then
+    "$RUN" "$NWHOST" config --module "$MODULE_ARG" --registry "$settings" "$@" 2>&1 | tr -d '\r'
+  else
+    "$NWHOST" config --module "$MODULE_ARG" --registry "$settings" "$@" 2>&1
+  fi
+  return "${PIPESTATUS[0]}"
+}
+for bad in UpdateCheckMode:two UpdateCheckMode:-5 UpdateCheckMode:256 UpdateCheckMode:2x HttpProxyServerPort:4294967296 \
+  HttpProxyServerPort:-1 HttpProxyServerPort:' 8080' HttpProxyServerPort:; do
+  name=${bad%%:*} value=${bad#*:}
+  out=$(config set "$name" "$value")
+  code=$?
+  [ "$code" -eq 2 ] || fail "set $name '$value' exit status $code, not 2: $out"
+  grep -q "takes a whole number" <<<"$out" || fail "set $name '$value' without a clear message: $out"
+done
+out=$(config get UpdateCheckMode) || fail "get UpdateCheckMode failed: $out"
+[ "$out" = 44 ] || fail "a refused number was written: UpdateCheckMode = $out"
+out=$(config set HttpProxyServerPort 4294967295) || fail "set of the largest port failed: $out"
+[ "$out" = "HttpProxyServerPort = 4294967295" ] || fail "largest number: $out"
+out=$(config set RepositoryUserId someone) || fail "set RepositoryUserId failed: $out"
+out=$(config set RepositoryUserId '') || fail "emptying RepositoryUserId failed: $out"
+[ "$out" = "RepositoryUserId = " ] || fail "emptied text printed as: $out"
+out=$(config get RepositoryUserId) || fail "get RepositoryUserId failed: $out"
+[ -z "$out" ] || fail "emptied text reads back as: $out"
+
 finish

@@ -2,6 +2,7 @@
 // private registry.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -226,6 +227,89 @@ TEST_F(ConfigSpace, SizeKeysDecideWhatIsThere) {
   EXPECT_EQ(DataText(message), u"local");
   Address(message, 0x1A47, kOwnCabinet + 1);  // other cabinets never see the local form
   EXPECT_EQ(m_space.ReadValue(message, 0, nullptr), 0);
+}
+
+TEST_F(ConfigSpace, TextsStayInsideTheirOwnKey) {
+  m_space.Open();
+  RequestMessage message;
+  // A carriage return is a line break like any other: it cannot end the entry and plant the next.
+  Text(message, 0x1A42, kOwnCabinet, u"alice\r1A47.FFFF.0000=evil.example.com\r1A47.FFFF.0000.Size=16");
+  EXPECT_EQ(m_space.WriteText(message, nullptr), 1);
+  Address(message, 0x1A47, kOwnCabinet);
+  EXPECT_EQ(m_space.ReadValue(message, 0, nullptr), 0);
+  EXPECT_EQ(Status(message), ST_NOT_AVAILABLE);
+  EXPECT_EQ(Stored(u"1A42.FFFF.0000"), u"alice||1A47.FFFF.0000=evil.example.com||1A47.FFFF.0000.Size=16");
+
+  // A mail body with CR LF keeps its line breaks, as line feeds.
+  Text(message, 0x041B, kOwnCabinet, u"Dear admin,\r\n\r\nnew updates.\r\nbye\rnow\n");
+  EXPECT_EQ(m_space.WriteText(message, nullptr), 1);
+  Address(message, 0x041B, kOwnCabinet);
+  EXPECT_EQ(m_space.ReadTextValue(message, 0, nullptr), 1);
+  EXPECT_EQ(DataText(message), u"Dear admin,\n\nnew updates.\nbye\nnow\n");
+
+  // A password with line breaks is stored in base64, which has none; it reads back whole.
+  Text(message, 0x1A43, kOwnCabinet, u"pass\r\nword");
+  EXPECT_EQ(m_space.WritePassword(message, nullptr), 1);
+  Address(message, 0x1A43, kOwnCabinet);
+  EXPECT_EQ(m_space.ReadPassword(message, 0, nullptr), 1);
+  EXPECT_EQ(DataText(message), u"pass\r\nword");
+}
+
+TEST_F(ConfigSpace, BlanksAndQuotationMarksAtTheEdgesReadBackWhole) {
+  m_space.Open();
+  RequestMessage message;
+  const WString texts[] = {
+      u"  leading blanks", u"trailing blank ", u"\"quoted\"", u"'single'", u"\tC:\\tab",
+      u"\u00A0no-break",   u"\"half",          u"\" \"",      u"  ",       WString(64508, u'x') + u" "};
+  for (const WString& text : texts) {
+    Text(message, 0x041A, kOwnCabinet, text);
+    EXPECT_EQ(m_space.WriteText(message, nullptr), 1);
+    Address(message, 0x041A, kOwnCabinet);
+    EXPECT_EQ(m_space.ReadTextValue(message, 0, nullptr), 1);
+    EXPECT_EQ(DataText(message), text) << WToUtf8(text.substr(0, 40));
+    EXPECT_EQ(Stored(u"041A.FFFF.0000.Size"), WFormat(u"%u", static_cast<unsigned>(text.size())));
+  }
+}
+
+TEST_F(ConfigSpace, TextsThatCannotReadBackWholeAreRefused) {
+  m_space.Open();
+  RequestMessage message;
+  Text(message, 0x1A42, kOwnCabinet, u"before");
+  ASSERT_EQ(m_space.WriteText(message, nullptr), 1);
+  Text(message, 0x1A94, kOwnCabinet, u"secret");
+  ASSERT_EQ(m_space.WritePassword(message, nullptr), 1);
+  const WString password = Stored(u"1A94.FFFF.0000");
+
+  // Refused: "ST" 6, nothing stored, the old value and its size stay.
+  const WString nul(u"ab\0cd", 5);
+  // The largest read buffer holds 63 x 1,024 characters; a value that leaves it three places reads whole.
+  constexpr size_t kLongest = 64509;
+  const WString longest(kLongest, u'x');
+  const std::pair<WString, const char16_t*> texts[] = {
+      {nul, u"a terminator inside"},
+      {longest + u"x", u"one character too long"},
+      {WString(kLongest / 2 + 1, u'\n'), u"too long once its line breaks are stored"},
+      {WString(10u << 20, u'y'), u"10 MB"}};
+  for (const auto& [text, what] : texts) {
+    Text(message, 0x1A42, kOwnCabinet, text);
+    EXPECT_EQ(m_space.WriteText(message, nullptr), 0) << WToUtf8(what);
+    EXPECT_EQ(Status(message), ST_FAILED) << WToUtf8(what);
+    EXPECT_EQ(Stored(u"1A42.FFFF.0000"), u"before") << WToUtf8(what);
+    EXPECT_EQ(Stored(u"1A42.FFFF.0000.Size"), u"6") << WToUtf8(what);
+  }
+  for (const WString& text : {nul, WString(kLongest, u'p')}) {
+    Text(message, 0x1A94, kOwnCabinet, text);
+    EXPECT_EQ(m_space.WritePassword(message, nullptr), 0);
+    EXPECT_EQ(Status(message), ST_FAILED);
+    EXPECT_EQ(Stored(u"1A94.FFFF.0000"), password);
+  }
+
+  // The longest text that is taken reads back whole.
+  Text(message, 0x1A42, kOwnCabinet, longest);
+  EXPECT_EQ(m_space.WriteText(message, nullptr), 1);
+  Address(message, 0x1A42, kOwnCabinet);
+  EXPECT_EQ(m_space.ReadTextValue(message, 0, nullptr), 1);
+  EXPECT_EQ(DataText(message), longest);
 }
 
 TEST_F(ConfigSpace, DefaultsAndOtherSections) {

@@ -183,3 +183,70 @@ TEST(PrivateProfileMedium, WritableDirectoriesAreNoReadOnlyMedium) {
   EXPECT_FALSE(IsOnReadOnlyMedium(dir));
   EXPECT_FALSE(IsOnReadOnlyMedium(dir + kPathSeparator + u"not" + kPathSeparator + u"yet.ccs"));
 }
+
+// ---- A write touches its own key and nothing else --------------------------------------------
+
+TEST_F(PrivateProfile, ValuesAndNamesNeverMakeLinesOfTheirOwn) {
+  Put("[S]\r\nk=old\r\n");
+  const std::string before = Bytes();
+  // A line break in a value would end the entry and start another one in the file.
+  for (const char16_t* value : {u"a\rplanted=1", u"a\nplanted=1", u"a\r\nplanted=1", u"\r", u"a\r\n[T]\r\nx=1"})
+    EXPECT_FALSE(ProfileWrite(m_file, u"S", u"k", value)) << WToUtf8(value);
+  // The same for names: a section or key name with a line break, a key that would read as a
+  // header or split at its own "=".
+  EXPECT_FALSE(ProfileWrite(m_file, u"S\r\nplanted=1", u"k", u"v"));
+  EXPECT_FALSE(ProfileWrite(m_file, u"S", u"k\nplanted", u"v"));
+  EXPECT_FALSE(ProfileWrite(m_file, u"S", u"planted=1", u"v"));
+  EXPECT_FALSE(ProfileWrite(m_file, u"S", u" [T]", u"v"));
+  EXPECT_FALSE(ProfileWrite(m_file, u"S", u"k\r", nullptr));
+  EXPECT_EQ(Bytes(), before);
+  EXPECT_EQ(Text(u"S", u"planted"), u"DEF");
+  EXPECT_EQ(Text(u"S", u"k"), u"old");
+  // What may stand inside a line still may.
+  ASSERT_TRUE(ProfileWrite(m_file, u"S", u"k", u"a=b [c] ; d||e"));
+  EXPECT_EQ(Text(u"S", u"k"), u"a=b [c] ; d||e");
+}
+
+TEST_F(PrivateProfile, AWriteLeavesEveryOtherEntryAsItRead) {
+#ifdef _WIN32
+  // The system's own writer decides on Windows. Wine's, the test bed, rewrites the whole file and
+  // shows both shifts below; the POSIX writer departs from it here on purpose.
+  GTEST_SKIP() << "the system's writer";
+#endif
+  // 8-bit files whose first entry begins with the characters of a byte order mark, behind a blank
+  // line or blanks that the rewrite drops; and a header of blanks between its brackets.
+  const std::pair<std::string, std::u16string> files[] = {
+      {"\r\n\xEF\xBB\xBFk=v\xE4\r\n[S]\r\nx=1\r\n", u"\u00EF\u00BB\u00BFk"},
+      {"  \xFF\xFEk=v\xE4\r\n[S]\r\nx=1\r\n", u"\u00FF\u00FEk"},
+      {"\r\n\xFF\xFE\r\n[S]\r\nx=1\r\n", u"\u00FF\u00FE"},
+      {"[A]\r\na=1\r\n[ ]\r\nk=v\xE4\r\n[S]\r\nx=1\r\n", u"k"},
+      {"[ ]\r\nk=v\xE4\r\n[S]\r\nx=1\r\n", u"k"},
+  };
+  for (const auto& [bytes, key] : files) {
+    Put(bytes);
+    const std::u16string sections[] = {u"", u"A", u"S", u" "};
+    auto snapshot = [&] {
+      std::u16string seen;
+      for (const auto& section : sections)
+        for (const char16_t* k : {key.c_str(), u"a", u"x", u"k"})
+          seen += section + u"/" + k + u"=" + Text(section.c_str(), k) + u";";
+      return seen;
+    };
+    const std::u16string before = snapshot();
+    ASSERT_TRUE(ProfileWrite(m_file, u"S", u"y", u"2"));
+    EXPECT_EQ(Text(u"S", u"y"), u"2");
+    EXPECT_EQ(snapshot(), before) << "file: " << bytes;
+    // Once more: the rewritten file rewrites to itself.
+    ASSERT_TRUE(ProfileWrite(m_file, u"S", u"y", u"3"));
+    EXPECT_EQ(snapshot(), before) << "file: " << bytes;
+  }
+
+  // A name an 8-bit file cannot hold would be written as another one ("k?"); a value may lose
+  // such characters.
+  Put("[S]\r\nx=1\r\n");
+  EXPECT_FALSE(ProfileWrite(m_file, u"S", u"k\u4E2D", u"v"));
+  EXPECT_FALSE(ProfileWrite(m_file, u"S\u4E2D", u"k", u"v"));
+  EXPECT_EQ(Bytes(), "[S]\r\nx=1\r\n");
+  EXPECT_TRUE(ProfileWrite(m_file, u"S", u"k", u"\u4E2D"));
+  EXPECT_EQ(Text(u"S", u"k"), u"?");
+}

@@ -38,11 +38,19 @@ class UMConfigTest : public ::testing::Test {
     c.request(m);
     return GetCommandValue(m, 0, kKeyST, ST_ABSENT);
   }
-  void WriteText(UM_Config& c, uint32_t oe, const WString& text) {
+  uint32_t WriteText(UM_Config& c, uint32_t oe, const WString& text) {
     RequestMessage m;
     ConstructRequest(m, 0xE002, oe, 0, 0, ST_NONE);
     SetDataString(m, GetCurrentCommand(m), text);
     c.request(m);
+    return GetCommandValue(m, 0, kKeyST, ST_ABSENT);
+  }
+  WString ReadText(UM_Config& c, uint32_t oe) {
+    RequestMessage m;
+    ConstructRequest(m, 0xE001, oe, 0, 0, ST_NONE);
+    c.request(m);
+    WString text;
+    return GetDataString(m, 0, text, 0) ? text : WString(u"<no text>");
   }
 
   TestRegistry reg{u"umconfig"};
@@ -143,6 +151,30 @@ TEST_F(UMConfigTest, StartWaitsForTheCabinetAndMailAlertNeedsBothFlags) {
   uint32_t data = 0;
   EXPECT_TRUE(GetDataValue(m, 0, data));
   EXPECT_EQ(data, 1u);
+}
+
+TEST_F(UMConfigTest, ATextTheStoreCannotKeepIsRefusedAndChangesNothing) {
+  UM_Util util(&module);
+  {
+    UM_Config c(&module, &util);
+    EXPECT_EQ(WriteText(c, 6722, u"alice"), ST_OK);
+    EXPECT_EQ(WriteText(c, 6727, u"updates.example"), ST_OK);
+    EXPECT_EQ(WriteText(c, 6723, u"secret"), ST_OK);
+    // What would read back otherwise after the next start is refused with ST 6, and the setting
+    // keeps the value it had in memory and in the file.
+    for (const WString& text : {WString(u"ab\0cd", 5), WString(70000, u'x')}) {
+      EXPECT_EQ(WriteText(c, 6722, text), ST_FAILED);
+      EXPECT_EQ(WriteText(c, 6723, text), ST_FAILED);
+    }
+    EXPECT_EQ(ReadText(c, 6722), u"alice");
+    EXPECT_EQ(ReadText(c, 6723), u"secret");
+    // A carriage return is stored as a line break of the user id and plants nothing.
+    EXPECT_EQ(WriteText(c, 6722, u"bob\r1A47.FFFF.0000=evil.example.com\r1A47.FFFF.0000.Size=16"), ST_OK);
+  }
+  UM_Config c(&module, &util);
+  EXPECT_EQ(ReadText(c, 6727), u"updates.example");
+  EXPECT_EQ(ReadText(c, 6722), u"bob||1A47.FFFF.0000=evil.example.com||1A47.FFFF.0000.Size=16");
+  EXPECT_EQ(ReadText(c, 6723), u"secret");
 }
 
 TEST(UMConfigAddress, FallBackIpv6Formatter) {

@@ -2,7 +2,6 @@
 // configuration requests a requester uses (0xE001, 0xE002), so what is shown is what the module
 // answers.
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "config/UM_Config.h"
@@ -46,15 +45,37 @@ struct Answer {
   std::string value;
 };
 
-// One configuration request with the host's cabinet, as a requester sends it.
+bool IsNumeric(UM_Config::Kind kind) {
+  return kind == UM_Config::Kind::Byte || kind == UM_Config::Kind::Number;
+}
+
+// The value of a byte or number setting as people write it: decimal digits only, within the
+// setting's range: a lenient conversion would take "two" for 0 and "-5" for 4294967291.
+bool ParseSettingNumber(const UM_Config::Setting& s, const std::string& text, uint32_t& value) {
+  const uint64_t largest = s.kind == UM_Config::Kind::Byte ? 0xFF : 0xFFFFFFFF;
+  if (text.empty() || text.size() > 10) return false;
+  uint64_t number = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    number = number * 10 + static_cast<uint64_t>(c - '0');
+  }
+  if (number > largest) return false;
+  value = static_cast<uint32_t>(number);
+  return true;
+}
+
+// One configuration request with the host's cabinet, as a requester sends it. A number is
+// already checked; an empty text is sent as an empty text (not as no data), so that the setting
+// itself becomes empty along with its stored value.
 Answer Send(ModuleHost& host, uint32_t cabinet, uint32_t oc, const UM_Config::Setting& s, const std::string* value) {
   RequestMessage m;
   ConstructRequest(m, oc, s.oe, 0, cabinet, ST_NONE);
   MessageValue& command = GetCurrentCommand(m);
   if (value) {
-    if (s.kind == UM_Config::Kind::Byte || s.kind == UM_Config::Kind::Number)
-      SetDataNumber(m, command, static_cast<uint32_t>(std::strtoul(value->c_str(), nullptr, 10)), 4);
-    else if (!value->empty())
+    uint32_t number = 0;
+    if (IsNumeric(s.kind) && ParseSettingNumber(s, *value, number))
+      SetDataNumber(m, command, number, 4);
+    else if (!IsNumeric(s.kind))
       SetDataString(m, command, WFromUtf8(*value));
   }
   Answer a;
@@ -105,6 +126,12 @@ int NwhostConfigVerb(int argc, char** argv) {
       return 2;
     }
     if ((action == "set") != (i + 3 == argc) || (action == "get" && i + 2 != argc)) return Usage();
+    uint32_t number = 0;
+    if (action == "set" && IsNumeric(setting->kind) && !ParseSettingNumber(*setting, argv[argc - 1], number)) {
+      std::fprintf(stderr, "nwhost: %s takes a whole number from 0 to %s, not \"%s\"; nothing written\n", argv[i + 1],
+                   setting->kind == UM_Config::Kind::Byte ? "255" : "4294967295", argv[argc - 1]);
+      return 2;
+    }
   } else if (action != "list" || i + 1 != argc) {
     return Usage();
   }
@@ -133,7 +160,13 @@ int NwhostConfigVerb(int argc, char** argv) {
     const std::string value = argv[argc - 1];
     Answer w = Send(host, cabinet, kWrite, *setting, &value);
     Answer r = Send(host, cabinet, kRead, *setting, nullptr);
-    if (w.st != ST_OK || r.st != ST_OK) {
+    if (w.st == ST_FAILED) {
+      std::fprintf(stderr,
+                   "nwhost: the module refused the value (ST 6): a text must not hold more than %u characters as "
+                   "stored; nothing written\n",
+                   static_cast<unsigned>(CConfigSpace::kLongestStoredText));
+      status = 1;
+    } else if (w.st != ST_OK || r.st != ST_OK) {
       std::fprintf(stderr, "nwhost: the module answered ST %u to the write and ST %u to the read\n", w.st, r.st);
       status = 1;
     } else {

@@ -62,12 +62,12 @@ WString Decode(const std::string& bytes, Encoding& encoding) {
     encoding = Encoding::Utf16;
   } else if (bytes.size() >= 2 && static_cast<uint8_t>(bytes[0]) == 0xFF && static_cast<uint8_t>(bytes[1]) == 0xFE) {
     encoding = Encoding::Utf16;
-    text.reserve(bytes.size() / 2);
-    size_t i = 2;
-    for (; i + 1 < bytes.size(); i += 2)
-      text.push_back(static_cast<char16_t>(static_cast<uint8_t>(bytes[i]) | (static_cast<uint8_t>(bytes[i + 1]) << 8)));
     // An odd last byte still counts as a character of its own.
-    if (i < bytes.size()) text.push_back(static_cast<char16_t>(static_cast<uint8_t>(bytes[i])));
+    text.resize((bytes.size() - 1) / 2);
+    const uint8_t* b = reinterpret_cast<const uint8_t*>(bytes.data()) + 2;
+    const size_t pairs = (bytes.size() - 2) / 2;
+    for (size_t i = 0; i < pairs; ++i) text[i] = static_cast<char16_t>(b[2 * i] | (b[2 * i + 1] << 8));
+    if (pairs < text.size()) text[pairs] = b[2 * pairs];
   } else if (bytes.size() >= 3 && bytes.compare(0, 3, "\xEF\xBB\xBF") == 0) {
     encoding = Encoding::Utf8;
     text = WFromUtf8(std::string_view(bytes).substr(3));
@@ -94,6 +94,9 @@ std::string Encode(const WString& text, Encoding encoding) {
       break;
     case Encoding::Ansi:
       WideToCodePage(kCodePageAnsi, text, bytes);
+      // An 8-bit file whose first entry begins with the characters of a byte order mark would be
+      // read as UTF-16 or UTF-8 next time; a blank line in front keeps it 8-bit text.
+      if (bytes.compare(0, 2, "\xFF\xFE") == 0 || bytes.compare(0, 3, "\xEF\xBB\xBF") == 0) bytes.insert(0, "\r\n");
       break;
   }
   return bytes;
@@ -134,16 +137,45 @@ void Parse(const WString& text, Profile& profile) {
 }
 
 WString Serialise(const Profile& profile) {
-  WString text;
+  size_t length = 0;
   for (const Section& section : profile.sections) {
-    if (!section.name.empty()) text += u"[" + section.name + u"]\r\n";
+    length += section.name.size() + 5;
+    for (const Entry& entry : section.entries) length += entry.name.size() + entry.value.size() + 3;
+  }
+  WString text;
+  text.reserve(length);
+  for (size_t i = 0; i < profile.sections.size(); ++i) {
+    const Section& section = profile.sections[i];
+    // Only the entries before the first header go without one. A later section whose name is
+    // blank ("[ ]") keeps a header of blanks: without it its entries would join the section before.
+    if (i > 0 || !section.name.empty()) {
+      text += u'[';
+      text += section.name.empty() ? WString(u" ") : section.name;
+      text += u"]\r\n";
+    }
     for (const Entry& entry : section.entries) {
       text += entry.name;
-      if (entry.hasValue) text += u"=" + entry.value;
+      if (entry.hasValue) {
+        text += u'=';
+        text += entry.value;
+      }
       text += u"\r\n";
     }
   }
   return text;
+}
+
+// Whether the text comes back as it is from a file of this encoding.
+bool Holds(Encoding encoding, const char16_t* text) {
+  if (text == nullptr || encoding == Encoding::Utf16) return true;
+  const WString wide(text);
+  if (encoding == Encoding::Utf8) return WFromUtf8(WToUtf8(wide)) == wide;
+  std::string bytes;
+  bool lossy = false;
+  WideToCodePage(kCodePageAnsi, wide, bytes, &lossy);
+  WString back;
+  CodePageToWide(kCodePageAnsi, bytes.data(), bytes.size(), back);
+  return !lossy && back == wide;
 }
 
 // False when the file is absent or unreadable.
@@ -273,6 +305,7 @@ uint32_t ProfileReadInt(const WString& file, const char16_t* section, const char
 
 bool ProfileWrite(const WString& file, const char16_t* section, const char16_t* key, const char16_t* value) {
   if (section == nullptr || file.empty()) return false;
+  if (!ProfileWriteStaysInItsLine(section, key, value)) return false;
   std::lock_guard<std::mutex> guard(WriteLock());
   Profile profile;
   if (!Load(file, profile)) {
@@ -280,6 +313,10 @@ bool ProfileWrite(const WString& file, const char16_t* section, const char16_t* 
     profile.encoding = Encoding::Ansi;
     profile.sections.assign(1, Section{});
   }
+  // A name the file's encoding cannot hold would be written as another name (a character outside
+  // the 8-bit code page becomes "?"), which then reads as a key nobody wrote. A value may lose such
+  // characters; a name may not.
+  if (!Holds(profile.encoding, section) || !Holds(profile.encoding, key)) return false;
   Section* s = FindSection(profile, section);
   if (key == nullptr) {
     if (s == nullptr) return true;

@@ -22,6 +22,7 @@ uint32_t ProfileReadInt(const WString& file, const char16_t* section, const char
 }
 
 bool ProfileWrite(const WString& file, const char16_t* section, const char16_t* key, const char16_t* value) {
+  if (!ProfileWriteStaysInItsLine(section, key, value)) return false;
   return WritePrivateProfileStringW(W(section), W(key), W(value), W32(file)) != FALSE;
 }
 
