@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Lints the tree (format, shell scripts, include direction), builds everything and runs every test: natively (debug, with AddressSanitizer and UBSan) and the
-# Windows cross build under Wine. Both builds come first, since some tests compare what the two
-# platforms write.
+# Lints the tree (format, shell scripts, include direction), builds everything and runs every test:
+# natively (debug, with AddressSanitizer and UBSan), the Windows cross build under Wine, and the
+# ThreadSanitizer build. The debug and Windows builds come first, since some tests compare what
+# the two platforms write. The fuzz targets' committed corpora are replayed as tests of their own.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,3 +16,7 @@ cmake --build --preset windows
 
 ctest --preset debug
 ctest --preset windows
+
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan
+ctest --preset tsan

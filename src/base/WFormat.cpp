@@ -1,7 +1,11 @@
 #include "base/WFormat.h"
 
+#include <algorithm>
+#include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <type_traits>
 
 namespace {
 
@@ -10,62 +14,103 @@ struct Sink {
   char16_t* buf;
   size_t cap;  // including the terminator
   size_t len = 0;
+  bool full() const { return len + 1 >= cap; }
   void put(char16_t c) {
-    if (len + 1 < cap) buf[len++] = c;
+    if (!full()) buf[len++] = c;
   }
-  void fill(char16_t c, int n) {
-    for (int i = 0; i < n; ++i) put(c);
+  // Stops as soon as the buffer is full, so that a width of two thousand million costs nothing.
+  void fill(char16_t c, size_t n) {
+    for (size_t i = 0; i < n && !full(); ++i) buf[len++] = c;
+  }
+  template <class Ch>
+  void put(const Ch* text, size_t n) {
+    for (size_t i = 0; i < n && !full(); ++i) buf[len++] = static_cast<std::make_unsigned_t<Ch>>(text[i]);
   }
 };
 
-struct Spec {
+struct FieldOptions {
   bool left = false, zero = false, plus = false, space = false, alt = false;
   int width = 0;
-  int precision = -1;
+  int precision = -1;  // -1: none given
 };
 
-void putPadded(Sink& s, const Spec& sp, const char16_t* text, size_t n, bool numeric, size_t signLen) {
-  int pad = sp.width > static_cast<int>(n) ? sp.width - static_cast<int>(n) : 0;
-  if (sp.left) {
-    for (size_t i = 0; i < n; ++i) s.put(text[i]);
-    s.fill(u' ', pad);
-    return;
+// Width and precision digits come from texts of outside callers: a number too large for an int
+// stays at INT_MAX instead of overflowing. Output is bounded by the buffer anyway.
+int ReadCount(const char16_t*& p) {
+  int value = 0;
+  while (*p >= u'0' && *p <= u'9') {
+    const int digit = *p++ - u'0';
+    value = value > (INT_MAX - digit) / 10 ? INT_MAX : value * 10 + digit;
   }
-  if (numeric && sp.zero && sp.precision < 0) {
-    for (size_t i = 0; i < signLen; ++i) s.put(text[i]);
-    s.fill(u'0', pad);
-    for (size_t i = signLen; i < n; ++i) s.put(text[i]);
-    return;
-  }
-  s.fill(u' ', pad);
-  for (size_t i = 0; i < n; ++i) s.put(text[i]);
+  return value;
 }
 
-void putInteger(Sink& s, const Spec& sp, uint64_t mag, bool negative, unsigned base, bool upper) {
-  char16_t digits[72];
+// A field: `prefix` (sign, "0x"), `zeros` leading zeros of the precision, then `body`, padded to
+// the width with blanks, or with zeros after the prefix when `zeroPad` allows.
+template <class Ch>
+void PutField(Sink& s, const FieldOptions& opt, const Ch* prefix, size_t prefixLen, size_t zeros, const Ch* body,
+              size_t bodyLen, bool zeroPad) {
+  const size_t used = prefixLen + zeros + bodyLen;
+  const size_t width = static_cast<size_t>(opt.width);
+  const size_t pad = width > used ? width - used : 0;
+  if (!opt.left && !(zeroPad && opt.zero)) s.fill(u' ', pad);
+  s.put(prefix, prefixLen);
+  if (!opt.left && zeroPad && opt.zero) s.fill(u'0', pad);
+  s.fill(u'0', zeros);
+  s.put(body, bodyLen);
+  if (opt.left) s.fill(u' ', pad);
+}
+
+void PutText(Sink& s, const FieldOptions& opt, const char16_t* text, size_t n) {
+  PutField<char16_t>(s, opt, nullptr, 0, 0, text, n, false);
+}
+
+void PutInteger(Sink& s, const FieldOptions& opt, uint64_t mag, bool negative, unsigned base, bool upper) {
+  // 22 octal digits hold any 64-bit value.
+  char16_t digits[24];
   size_t nd = 0;
   const char* set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-  if (mag == 0 && sp.precision != 0) digits[nd++] = u'0';
   while (mag) {
-    digits[nd++] = static_cast<char16_t>(set[mag % base]);
+    digits[sizeof digits / sizeof digits[0] - 1 - nd++] = static_cast<char16_t>(set[mag % base]);
     mag /= base;
   }
-  char16_t text[96];
-  size_t n = 0;
+  const bool zeroValue = nd == 0;
+  if (zeroValue && opt.precision != 0) digits[sizeof digits / sizeof digits[0] - 1 - nd++] = u'0';
+  char16_t prefix[3];
+  size_t np = 0;
   if (negative)
-    text[n++] = u'-';
-  else if (sp.plus && base == 10)
-    text[n++] = u'+';
-  else if (sp.space && base == 10)
-    text[n++] = u' ';
-  if (sp.alt && base == 16 && nd && !(nd == 1 && digits[0] == u'0')) {
-    text[n++] = u'0';
-    text[n++] = upper ? u'X' : u'x';
+    prefix[np++] = u'-';
+  else if (opt.plus && base == 10)
+    prefix[np++] = u'+';
+  else if (opt.space && base == 10)
+    prefix[np++] = u' ';
+  if (opt.alt && base == 16 && !zeroValue) {
+    prefix[np++] = u'0';
+    prefix[np++] = upper ? u'X' : u'x';
   }
-  size_t signLen = n;
-  for (int z = sp.precision - static_cast<int>(nd); z > 0 && n < 80; --z) text[n++] = u'0';
-  while (nd) text[n++] = digits[--nd];
-  putPadded(s, sp, text, n, true, signLen);
+  const size_t precision = opt.precision < 0 ? 0 : static_cast<size_t>(opt.precision);
+  const size_t zeros = precision > nd ? precision - nd : 0;
+  // As printf: a precision switches the zero flag off for integers.
+  PutField(s, opt, prefix, np, zeros, digits + sizeof digits / sizeof digits[0] - nd, nd, opt.precision < 0);
+}
+
+// Every digit a double holds is printed within this precision (the longest exact expansion, of the
+// smallest subnormal, has 1074 fraction digits); a larger one only adds zeros and is cut to it.
+constexpr int kMaxFloatPrecision = 1100;
+
+void PutFloat(Sink& s, const FieldOptions& opt, char16_t conv, double v) {
+  char nfmt[16];
+  std::snprintf(nfmt, sizeof nfmt, "%%%s%s%s.*%c", opt.plus ? "+" : "", opt.space ? " " : "", opt.alt ? "#" : "",
+                static_cast<char>(conv));
+  const int precision = opt.precision < 0 ? 6 : std::min(opt.precision, kMaxFloatPrecision);
+  // Sign, 309 integer digits, point, the precision and an exponent fit.
+  char nbuf[kMaxFloatPrecision + 400];
+  int n = std::snprintf(nbuf, sizeof nbuf, nfmt, precision, v);
+  if (n < 0) n = 0;
+  if (static_cast<size_t>(n) >= sizeof nbuf) n = static_cast<int>(sizeof nbuf) - 1;
+  const size_t signLen = n > 0 && (nbuf[0] == '-' || nbuf[0] == '+' || nbuf[0] == ' ') ? 1 : 0;
+  // Zeros pad a number; "inf" and "nan" are padded with blanks, as printf does.
+  PutField(s, opt, nbuf, signLen, 0, nbuf + signLen, static_cast<size_t>(n) - signLen, std::isfinite(v));
 }
 
 }  // namespace
@@ -84,39 +129,42 @@ size_t WFormatToV(char16_t* buf, size_t cap, const char16_t* fmt, va_list ap) {
       s.put(u'%');
       continue;
     }
-    Spec sp;
+    FieldOptions opt;
     for (;; ++p) {
       if (*p == u'-')
-        sp.left = true;
+        opt.left = true;
       else if (*p == u'0')
-        sp.zero = true;
+        opt.zero = true;
       else if (*p == u'+')
-        sp.plus = true;
+        opt.plus = true;
       else if (*p == u' ')
-        sp.space = true;
+        opt.space = true;
       else if (*p == u'#')
-        sp.alt = true;
+        opt.alt = true;
       else
         break;
     }
     if (*p == u'*') {
-      sp.width = va_arg(ap, int);
-      if (sp.width < 0) {
-        sp.left = true;
-        sp.width = -sp.width;
+      const int width = va_arg(ap, int);
+      if (width < 0) {
+        // A negative width means left adjustment; INT_MIN has no positive counterpart.
+        opt.left = true;
+        opt.width = width == INT_MIN ? INT_MAX : -width;
+      } else {
+        opt.width = width;
       }
       ++p;
     } else {
-      while (*p >= u'0' && *p <= u'9') sp.width = sp.width * 10 + (*p++ - u'0');
+      opt.width = ReadCount(p);
     }
     if (*p == u'.') {
       ++p;
-      sp.precision = 0;
       if (*p == u'*') {
-        sp.precision = va_arg(ap, int);
+        const int precision = va_arg(ap, int);
+        opt.precision = precision < 0 ? -1 : precision;  // negative: as if none were given
         ++p;
       } else {
-        while (*p >= u'0' && *p <= u'9') sp.precision = sp.precision * 10 + (*p++ - u'0');
+        opt.precision = ReadCount(p);
       }
     }
     enum { kInt, kChar, kShort, kLong, kLongLong, kSize } len = kInt;
@@ -177,7 +225,7 @@ size_t WFormatToV(char16_t* buf, size_t cap, const char16_t* fmt, va_list ap) {
             break;
         }
         uint64_t mag = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-        putInteger(s, sp, mag, v < 0, 10, false);
+        PutInteger(s, opt, mag, v < 0, 10, false);
         break;
       }
       case u'u':
@@ -206,18 +254,18 @@ size_t WFormatToV(char16_t* buf, size_t cap, const char16_t* fmt, va_list ap) {
             break;
         }
         unsigned base = conv == u'u' ? 10 : conv == u'o' ? 8 : 16;
-        putInteger(s, sp, v, false, base, conv == u'X');
+        PutInteger(s, opt, v, false, base, conv == u'X');
         break;
       }
       case u'p': {
-        Spec ps = sp;
+        FieldOptions ps = opt;
         ps.alt = true;
-        putInteger(s, ps, reinterpret_cast<uintptr_t>(va_arg(ap, void*)), false, 16, false);
+        PutInteger(s, ps, reinterpret_cast<uintptr_t>(va_arg(ap, void*)), false, 16, false);
         break;
       }
       case u'c': {
         char16_t c = static_cast<char16_t>(va_arg(ap, int));
-        putPadded(s, sp, &c, 1, false, 0);
+        PutText(s, opt, &c, 1);
         break;
       }
       case u's':
@@ -227,14 +275,14 @@ size_t WFormatToV(char16_t* buf, size_t cap, const char16_t* fmt, va_list ap) {
           const char* t = va_arg(ap, const char*);
           WString w = WFromUtf8(t ? t : "(null)");
           size_t n = w.size();
-          if (sp.precision >= 0 && static_cast<size_t>(sp.precision) < n) n = sp.precision;
-          putPadded(s, sp, w.data(), n, false, 0);
+          if (opt.precision >= 0 && static_cast<size_t>(opt.precision) < n) n = opt.precision;
+          PutText(s, opt, w.data(), n);
         } else {
           const char16_t* t = va_arg(ap, const char16_t*);
           if (!t) t = u"(null)";
           size_t n = 0;
-          while (t[n] && (sp.precision < 0 || n < static_cast<size_t>(sp.precision))) ++n;
-          putPadded(s, sp, t, n, false, 0);
+          while (t[n] && (opt.precision < 0 || n < static_cast<size_t>(opt.precision))) ++n;
+          PutText(s, opt, t, n);
         }
         break;
       }
@@ -242,13 +290,7 @@ size_t WFormatToV(char16_t* buf, size_t cap, const char16_t* fmt, va_list ap) {
       case u'F':
       case u'e':
       case u'g': {
-        double v = va_arg(ap, double);
-        char nfmt[32];
-        std::snprintf(nfmt, sizeof nfmt, "%%%s%s%s%s%s*.*%c", sp.left ? "-" : "", sp.zero ? "0" : "",
-                      sp.plus ? "+" : "", sp.space ? " " : "", sp.alt ? "#" : "", static_cast<char>(conv));
-        char nbuf[512];
-        std::snprintf(nbuf, sizeof nbuf, nfmt, sp.width, sp.precision < 0 ? 6 : sp.precision, v);
-        for (const char* q = nbuf; *q; ++q) s.put(static_cast<char16_t>(*q));
+        PutFloat(s, opt, conv, va_arg(ap, double));
         break;
       }
       default:

@@ -1,7 +1,13 @@
 // The one printf-compatible wide formatter of the system. It serves the trace, the logs, file
 // names and keys. Conversions: d i u x X o c s p f %, flags - 0 + blank #, width and precision
-// (also as *), length modifiers hh h l ll z I64. "%s" and "%ls" take a wide text (const char16_t*),
-// "%hs" and "%S" a narrow UTF-8 text, as the wide print functions of the platform do.
+// (also as *), length modifiers hh h l ll z I64 I32. "%s" and "%ls" take a wide text
+// (const char16_t*), "%hs" and "%S" a narrow UTF-8 text, as the wide print functions of the
+// platform do.
+//
+// Format texts may come from outside, so any text with matching arguments is safe: width and
+// precision digits beyond INT_MAX count as INT_MAX, a "*" width of INT_MIN as left-adjusted
+// INT_MAX, a negative "*" precision as none, and a floating-point precision above 1100 as 1100
+// (no double has more digits). Nothing is ever written past the buffer.
 #pragma once
 
 #include <cstdarg>

@@ -1,55 +1,66 @@
 #include "base/WString.h"
 
+namespace {
+
+// The byte range that the second byte of a sequence must fall in, by lead byte. Narrower than
+// 80..BF after E0 (no overlong three-byte forms), ED (no encoded surrogates), F0 (no overlong
+// four-byte forms) and F4 (nothing above U+10FFFF).
+struct Utf8Lead {
+  size_t length;  // 0: the byte cannot start a sequence
+  uint8_t secondLow, secondHigh;
+  uint32_t bits;
+};
+
+Utf8Lead ClassifyLead(uint8_t c) {
+  if (c >= 0xC2 && c <= 0xDF) return {2, 0x80, 0xBF, c & 0x1Fu};
+  if (c == 0xE0) return {3, 0xA0, 0xBF, c & 0x0Fu};
+  if (c == 0xED) return {3, 0x80, 0x9F, c & 0x0Fu};
+  if (c >= 0xE1 && c <= 0xEF) return {3, 0x80, 0xBF, c & 0x0Fu};
+  if (c == 0xF0) return {4, 0x90, 0xBF, c & 0x07u};
+  if (c >= 0xF1 && c <= 0xF3) return {4, 0x80, 0xBF, c & 0x07u};
+  if (c == 0xF4) return {4, 0x80, 0x8F, c & 0x07u};
+  return {0, 0, 0, 0};
+}
+
+}  // namespace
+
+// Strict decoding: an ill-formed sequence becomes one U+FFFD per maximal subpart (the longest
+// start of a well-formed sequence that is there), and decoding goes on at the first byte that
+// does not belong to it, so no valid character around a fault is lost.
 WString WFromUtf8(std::string_view s) {
   WString out;
   out.reserve(s.size());
   size_t i = 0;
   const size_t n = s.size();
   while (i < n) {
-    uint8_t c = static_cast<uint8_t>(s[i]);
-    uint32_t cp = 0xFFFD;
-    size_t len = 1;
+    const uint8_t c = static_cast<uint8_t>(s[i]);
     if (c < 0x80) {
-      cp = c;
-    } else if ((c & 0xE0) == 0xC0) {
-      len = 2;
-      cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      len = 3;
-      cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      len = 4;
-      cp = c & 0x07;
-    } else {
+      out.push_back(c);
+      ++i;
+      continue;
+    }
+    const Utf8Lead lead = ClassifyLead(c);
+    if (lead.length == 0) {
       out.push_back(0xFFFD);
       ++i;
       continue;
     }
-    if (i + len > n) {
-      out.push_back(0xFFFD);
-      break;
-    }
-    bool ok = true;
-    for (size_t k = 1; k < len; ++k) {
-      uint8_t cc = static_cast<uint8_t>(s[i + k]);
-      if ((cc & 0xC0) != 0x80) {
-        ok = false;
-        break;
-      }
+    uint32_t cp = lead.bits;
+    size_t k = 1;
+    for (; k < lead.length && i + k < n; ++k) {
+      const uint8_t cc = static_cast<uint8_t>(s[i + k]);
+      const uint8_t low = k == 1 ? lead.secondLow : 0x80;
+      const uint8_t high = k == 1 ? lead.secondHigh : 0xBF;
+      if (cc < low || cc > high) break;
       cp = (cp << 6) | (cc & 0x3F);
     }
-    if (!ok) {
+    i += k;
+    if (k < lead.length) {
       out.push_back(0xFFFD);
-      ++i;
-      continue;
-    }
-    i += len;
-    if (cp >= 0x10000 && cp <= 0x10FFFF) {
+    } else if (cp >= 0x10000) {
       cp -= 0x10000;
       out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
       out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-    } else if (cp > 0x10FFFF) {
-      out.push_back(0xFFFD);
     } else {
       out.push_back(static_cast<char16_t>(cp));
     }

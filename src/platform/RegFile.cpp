@@ -46,6 +46,13 @@ bool ReadQuoted(WStringView s, size_t& pos, WString& out) {
   return false;
 }
 
+int HexDigit(char16_t c) {
+  return (c >= u'0' && c <= u'9')   ? c - u'0'
+         : (c >= u'a' && c <= u'f') ? c - u'a' + 10
+         : (c >= u'A' && c <= u'F') ? c - u'A' + 10
+                                    : -1;
+}
+
 bool ParseHexBytes(WStringView s, std::vector<uint8_t>& out) {
   out.clear();
   size_t i = 0;
@@ -54,11 +61,7 @@ bool ParseHexBytes(WStringView s, std::vector<uint8_t>& out) {
     if (i >= s.size()) break;
     int v = 0, digits = 0;
     while (i < s.size() && digits < 2) {
-      char16_t c = s[i];
-      int d = (c >= u'0' && c <= u'9')   ? c - u'0'
-              : (c >= u'a' && c <= u'f') ? c - u'a' + 10
-              : (c >= u'A' && c <= u'F') ? c - u'A' + 10
-                                         : -1;
+      const int d = HexDigit(s[i]);
       if (d < 0) break;
       v = v * 16 + d;
       ++digits;
@@ -97,8 +100,16 @@ bool ParseValueData(WStringView text, RegFileValue& v) {
   if (text.size() >= 4 && WEqualsNoCase(text.substr(0, 4), u"hex(")) {
     size_t close = text.find(u")");
     if (close == WStringView::npos || close + 1 >= text.size() || text[close + 1] != u':') return false;
-    std::string code = WToUtf8(text.substr(4, close - 4));
-    v.type = static_cast<RegType>(std::strtoul(code.c_str(), nullptr, 16));
+    // The type is a 32-bit number in 1 to 8 hex digits; anything else leaves the line unread.
+    const WStringView code = text.substr(4, close - 4);
+    if (code.empty() || code.size() > 8) return false;
+    uint32_t type = 0;
+    for (char16_t c : code) {
+      const int d = HexDigit(c);
+      if (d < 0) return false;
+      type = type << 4 | static_cast<uint32_t>(d);
+    }
+    v.type = static_cast<RegType>(type);
     return ParseHexBytes(text.substr(close + 2), v.data);
   }
   return false;
@@ -281,6 +292,40 @@ WString HexList(const std::vector<uint8_t>& data) {
   return out;
 }
 
+bool HasLoneSurrogate(WStringView text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char16_t c = text[i];
+    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF)
+      ++i;
+    else if (c >= 0xD800 && c <= 0xDFFF)
+      return true;
+  }
+  return false;
+}
+
+enum class Form { Text, Dword, Binary, HexOfType };
+
+// A value is written as a quoted text or a dword only when reading that form back gives the same
+// bytes; any other keeps its bytes as a hex list of its type, as the registry editor writes them.
+// So a text that is cut off, holds a terminator or a line feed, or (in a UTF-8 file) a surrogate
+// that UTF-8 cannot carry, is written as hex(1).
+Form WrittenForm(const RegFileValue& v, bool utf16) {
+  switch (v.type) {
+    case RegType::String: {
+      const WString text = RegDataString(v.data);
+      if (RegStringData(text) != v.data || text.find(u'\n') != WString::npos || (!utf16 && HasLoneSurrogate(text)))
+        return Form::HexOfType;
+      return Form::Text;
+    }
+    case RegType::Dword:
+      return v.data.size() == 4 ? Form::Dword : Form::HexOfType;
+    case RegType::Binary:
+      return Form::Binary;
+    default:
+      return Form::HexOfType;
+  }
+}
+
 }  // namespace
 
 std::string SerializeRegFile(const RegFile& file) {
@@ -290,11 +335,11 @@ std::string SerializeRegFile(const RegFile& file) {
     for (const auto& v : k.values) {
       text += v.name.empty() ? WString(u"@") : u"\"" + EscapeQuoted(v.name) + u"\"";
       text += u"=";
-      switch (v.type) {
-        case RegType::String:
+      switch (WrittenForm(v, file.utf16)) {
+        case Form::Text:
           text += u"\"" + EscapeQuoted(RegDataString(v.data)) + u"\"";
           break;
-        case RegType::Dword: {
+        case Form::Dword: {
           uint32_t d = 0;
           for (size_t i = 0; i < 4 && i < v.data.size(); ++i) d |= static_cast<uint32_t>(v.data[i]) << (8 * i);
           char buf[16];
@@ -304,16 +349,17 @@ std::string SerializeRegFile(const RegFile& file) {
           text += u"dword:" + WFromAscii(buf);
           break;
         }
-        case RegType::Binary:
+        case Form::Binary:
           text += u"hex:" + HexList(v.data);
           break;
-        default: {
-          char code[8];
-          static const char* hx = "0123456789abcdef";
-          code[0] = hx[(static_cast<uint32_t>(v.type) >> 4) & 15];
-          code[1] = hx[static_cast<uint32_t>(v.type) & 15];
-          code[2] = 0;
-          text += u"hex(" + WFromAscii(code[0] == '0' ? code + 1 : code) + u"):" + HexList(v.data);
+        case Form::HexOfType: {
+          // All the type's digits, without leading zeros: hex(2), hex(7), hex(100).
+          static const char16_t* hx = u"0123456789abcdef";
+          const uint32_t type = static_cast<uint32_t>(v.type);
+          WString code;
+          for (int shift = 28; shift >= 0; shift -= 4)
+            if (type >> shift || shift == 0) code.push_back(hx[(type >> shift) & 15]);
+          text += u"hex(" + code + u"):" + HexList(v.data);
           break;
         }
       }

@@ -1,10 +1,10 @@
 // Replays fuzz inputs through a target without libFuzzer: each argument is a file or a directory
 // of files, each file one input. The test command replays the committed corpora this way in the
 // sanitizer build; scripts/fuzz.sh builds the same targets with libFuzzer to search for more.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>

@@ -1,6 +1,9 @@
 #include "hostlib/JsonMessage.h"
 
+#include <rapidjson/encodedstream.h>
 #include <rapidjson/error/en.h>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/reader.h>
 
 #include <array>
 #include <cstring>
@@ -54,10 +57,48 @@ MessageValue DeepCopy(const MessageValue& from, rapidjson::CrtAllocator& heap) {
   return MessageValue(from, heap);
 }
 
-}  // namespace
+// Passes a reader's events on to `target` and stops the reading at the first array or object
+// that nests deeper than kMaxJsonDepth.
+template <class Handler>
+struct DepthLimitedHandler {
+  Handler& target;
+  int depth = 0;
+  bool tooDeep = false;
 
-bool JsonToMessageValue(const rapidjson::Value& json, MessageValue& out, rapidjson::CrtAllocator& heap,
-                        std::string& error) {
+  bool Null() { return target.Null(); }
+  bool Bool(bool b) { return target.Bool(b); }
+  bool Int(int i) { return target.Int(i); }
+  bool Uint(unsigned u) { return target.Uint(u); }
+  bool Int64(int64_t i) { return target.Int64(i); }
+  bool Uint64(uint64_t u) { return target.Uint64(u); }
+  bool Double(double d) { return target.Double(d); }
+  bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) { return target.RawNumber(s, n, copy); }
+  bool String(const char* s, rapidjson::SizeType n, bool copy) { return target.String(s, n, copy); }
+  bool Key(const char* s, rapidjson::SizeType n, bool copy) { return target.Key(s, n, copy); }
+  bool StartObject() { return Enter() && target.StartObject(); }
+  bool EndObject(rapidjson::SizeType members) {
+    --depth;
+    return target.EndObject(members);
+  }
+  bool StartArray() { return Enter() && target.StartArray(); }
+  bool EndArray(rapidjson::SizeType elements) {
+    --depth;
+    return target.EndArray(elements);
+  }
+
+ private:
+  bool Enter() {
+    tooDeep = ++depth > kMaxJsonDepth;
+    return !tooDeep;
+  }
+};
+
+bool ToMessageValue(const rapidjson::Value& json, MessageValue& out, rapidjson::CrtAllocator& heap, std::string& error,
+                    int depth) {
+  if ((json.IsArray() || json.IsObject()) && depth > kMaxJsonDepth) {
+    error = "nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
+    return false;
+  }
   if (json.IsNull()) {
     out.SetNull();
   } else if (json.IsBool()) {
@@ -76,7 +117,7 @@ bool JsonToMessageValue(const rapidjson::Value& json, MessageValue& out, rapidjs
     array.Reserve(json.Size(), heap);
     for (const rapidjson::Value& element : json.GetArray()) {
       MessageValue value;
-      if (!JsonToMessageValue(element, value, heap, error)) return false;
+      if (!ToMessageValue(element, value, heap, error, depth + 1)) return false;
       array.PushBack(value, heap);
     }
     out = std::move(array);
@@ -101,6 +142,39 @@ bool JsonToMessageValue(const rapidjson::Value& json, MessageValue& out, rapidjs
     out = std::move(object);
   }
   return true;
+}
+
+}  // namespace
+
+bool ParseJsonText(std::string_view text, rapidjson::Document& json, std::string& error) {
+  rapidjson::ParseResult result;
+  bool tooDeep = false;
+  // The iterative reader keeps its state on the heap; the depth limit keeps that state small.
+  auto generator = [&](rapidjson::Document& document) {
+    rapidjson::MemoryStream bytes(text.data(), text.size());
+    rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> stream(bytes);
+    DepthLimitedHandler<rapidjson::Document> limited{document};
+    rapidjson::Reader reader;
+    result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, limited);
+    tooDeep = limited.tooDeep;
+    return !result.IsError();
+  };
+  json.SetNull();
+  json.Populate(generator);
+  if (!result.IsError()) return true;
+  json.SetNull();
+  if (tooDeep)
+    error = "JSON nested deeper than " + std::to_string(kMaxJsonDepth) + " levels at offset " +
+            std::to_string(result.Offset());
+  else
+    error = std::string("malformed JSON at offset ") + std::to_string(result.Offset()) + ": " +
+            rapidjson::GetParseError_En(result.Code());
+  return false;
+}
+
+bool JsonToMessageValue(const rapidjson::Value& json, MessageValue& out, rapidjson::CrtAllocator& heap,
+                        std::string& error) {
+  return ToMessageValue(json, out, heap, error, 1);
 }
 
 void WriteMessageValue(const MessageValue& value, JsonWriter& writer) {
@@ -161,12 +235,7 @@ bool CommandFromJson(const rapidjson::Value& object, RequestMessage& message, st
 
 bool CommandFromJsonText(std::string_view text, RequestMessage& message, std::string& error) {
   rapidjson::Document json;
-  json.Parse(text.data(), text.size());
-  if (json.HasParseError()) {
-    error = std::string("malformed JSON at offset ") + std::to_string(json.GetErrorOffset()) + ": " +
-            rapidjson::GetParseError_En(json.GetParseError());
-    return false;
-  }
+  if (!ParseJsonText(text, json, error)) return false;
   return CommandFromJson(json, message, error);
 }
 

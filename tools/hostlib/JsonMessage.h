@@ -22,8 +22,18 @@
 
 using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 
+// The deepest nesting of arrays and objects a JSON text or value may have (the line's own object
+// is the first level). A command needs three at most; the bound keeps the reading and the
+// conversion, which follow the nesting, within a small fixed stack at any depth of input.
+constexpr int kMaxJsonDepth = 64;
+
+// Parses one JSON text (UTF-8) into `json` without recursion. False, with a reason, for malformed
+// text and for nesting deeper than kMaxJsonDepth (refused as soon as it is seen).
+bool ParseJsonText(std::string_view text, rapidjson::Document& json, std::string& error);
+
 // One JSON value as a message value, allocated from `heap`. False (with a reason) for a value
-// the message cannot carry: an object other than {"RAW":[bytes]}, a byte outside 0..255.
+// the message cannot carry: an object other than {"RAW":[bytes]}, a byte outside 0..255, nesting
+// deeper than kMaxJsonDepth.
 bool JsonToMessageValue(const rapidjson::Value& json, MessageValue& out, rapidjson::CrtAllocator& heap,
                         std::string& error);
 

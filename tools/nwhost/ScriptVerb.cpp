@@ -13,8 +13,8 @@
 //   {"op":"host-request",...,"timeout_ms":..}              each SendRequest; the host answers ST 0
 //   {"op":"timeout","OC":..}  {"op":"properties",...}  {"op":"error","message":".."}
 // The host's own sleeps and waits run in real time; EM_MENDER_TIME_SCALE shortens only the module's.
+// A line nests at most kMaxJsonDepth levels: a deeper one gets an error line, whatever its depth.
 #include <rapidjson/document.h>
-#include <rapidjson/error/en.h>
 
 #include <chrono>
 #include <cstdio>
@@ -147,12 +147,7 @@ class ScriptRunner {
  private:
   bool Handle(const std::string& line, std::string& error) {
     rapidjson::Document input;
-    input.Parse(line.c_str(), line.size());
-    if (input.HasParseError()) {
-      error = std::string("malformed JSON at offset ") + std::to_string(input.GetErrorOffset()) + ": " +
-              rapidjson::GetParseError_En(input.GetParseError());
-      return false;
-    }
+    if (!ParseJsonText(line, input, error)) return false;
     if (!input.IsObject() || !input.HasMember("op") || !input["op"].IsString()) {
       error = "each line must be an object with a text \"op\"";
       return false;

@@ -102,11 +102,21 @@ bool ReadMountTable(std::vector<MountEntry>& entries) {
     if (errno == 0) errno = ENOENT;
     return false;
   }
-  for (std::string line; std::getline(in, line);) {
-    MountEntry entry;
-    if (ParseLine(line, entry)) entries.push_back(std::move(entry));
-  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  entries = ParseMountTable(text.str());
   return true;
+}
+
+std::vector<MountEntry> ParseMountTable(std::string_view text) {
+  std::vector<MountEntry> entries;
+  while (!text.empty()) {
+    const size_t end = text.find('\n');
+    MountEntry entry;
+    if (ParseLine(std::string(text.substr(0, end)), entry)) entries.push_back(std::move(entry));
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  }
+  return entries;
 }
 
 std::string LabelOf(const MountEntry& entry) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace platform::mounts {
@@ -20,6 +21,9 @@ struct MountEntry {
 
 // The entries in the table's order; false with errno set when the table cannot be read.
 bool ReadMountTable(std::vector<MountEntry>& entries);
+
+// The entries of a text in the table's format, in its order; lines that cannot be read are skipped.
+std::vector<MountEntry> ParseMountTable(std::string_view text);
 
 // The label whose link leads to the file system's device; empty when none does.
 std::string LabelOf(const MountEntry& entry);
