@@ -1,5 +1,6 @@
 // XmlDocument figures: load of a 10 MB generated document of 100,000 elements, the walk of all
-// of them, a parse from memory and a build by addElement.
+// of them, a parse from memory, a build by addElement, and the parse of a flawed document whose
+// end tags match none of the many open elements.
 //
 //   xml_bench [benchmark options]     the Google Benchmark figures
 //   xml_bench --generate FILE         writes the generated document
@@ -121,6 +122,23 @@ void BM_XmlBuild(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_XmlBuild)->Unit(benchmark::kMillisecond);
+
+// 40,000 open elements followed by 40,000 end tags that match none of them (280 KB): each end
+// tag is looked for among all open elements.
+void BM_XmlStrayEndTags(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  WString text;
+  text.reserve(static_cast<size_t>(n) * 7);
+  for (int i = 0; i < n; ++i) text += u"<a>";
+  for (int i = 0; i < n; ++i) text += u"</b>";
+  XmlDocument doc;
+  for (auto _ : state) {
+    if (doc.setDocument(text)) state.SkipWithError("taken as well formed");
+    benchmark::DoNotOptimize(doc.elementCount());
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
+}
+BENCHMARK(BM_XmlStrayEndTags)->Arg(10000)->Arg(40000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

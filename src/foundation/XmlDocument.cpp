@@ -1,10 +1,12 @@
 #include "foundation/XmlDocument.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
+#include <unordered_map>
 
 #include "foundation/CDebug.h"
 #include "foundation/XmlEncoding.h"
@@ -18,6 +20,7 @@ constexpr size_t kProbeBytes = 1024;   // bytes looked at for a mark or a declar
 constexpr int kCodePageUtf16Le = 1200;
 constexpr int kCodePageUtf16Be = 1201;
 constexpr int kCodePageUtf8 = 65001;
+constexpr int kCodePageUtf7 = 65000;
 constexpr int kCodePageUtf32 = 65005;
 
 inline bool IsSpace(char16_t c) {
@@ -28,9 +31,10 @@ inline bool IsNameStart(char16_t c) {
   return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || c == u'_' || c == u':' || c >= 0x80;
 }
 
-// A tag name runs up to white space, "/", ">" or "<".
+// A tag name runs up to white space, "/", ">", "<" or a quote. A quote cannot be part of it: the
+// end tag "</name>" that an edit writes for the name would open a quoted part and hide its ">".
 inline bool EndsName(char16_t c) {
-  return IsSpace(c) || c == u'/' || c == u'>' || c == u'<';
+  return IsSpace(c) || c == u'/' || c == u'>' || c == u'<' || c == u'"' || c == u'\'';
 }
 
 inline bool StartsWith(WStringView text, size_t at, WStringView prefix) {
@@ -165,6 +169,30 @@ bool WriteWholeFile(const WString& path, const std::string& mark, const std::str
   return true;
 }
 
+// Whether a document may be read and written in the code page that it declares. The declaration
+// is found by reading the first bytes as ASCII, so the code page must read and write the
+// characters of a declaration (and of an html head) as the same ASCII bytes; otherwise a file
+// saved in it no longer shows its declaration and reads back as other text. EBCDIC pages fail
+// this, and so does ISO-2022-KR, whose writer puts its designation in front. UTF-7 passes because
+// the class writes it with its own loop.
+bool CodePageKeepsDeclaration(int codePage) {
+  if (codePage == kCodePageUtf8) return true;
+  if (codePage < 0 || !platform::CodePageSupported(static_cast<uint32_t>(codePage))) return false;
+  static const char kMarkup[] =
+      "<?xml version=\"1.0\" encoding='x'?>\r\n\t<html><head><meta http-equiv content=\"a/b; charset=c\"/>"
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZ abcdefghijklmnopqrstuvwxyz 0123456789 -_.:()";
+  const std::string ascii(kMarkup);
+  WString wide;
+  if (!platform::CodePageToWide(static_cast<uint32_t>(codePage), ascii.data(), ascii.size(), wide) ||
+      wide != WFromAscii(ascii)) {
+    return false;
+  }
+  if (codePage == kCodePageUtf7) return true;
+  std::string bytes;
+  bool lossy = false;
+  return platform::WideToCodePage(static_cast<uint32_t>(codePage), wide, bytes, &lossy) && !lossy && bytes == ascii;
+}
+
 // The reference at text[at] ("&...;") when it is well formed, its length (with "&" and ";").
 size_t WellFormedReference(WStringView text, size_t at) {
   size_t i = at + 1;
@@ -236,7 +264,10 @@ XmlDocument::XmlDocument() {
 XmlDocument::~XmlDocument() = default;
 
 void XmlDocument::resetElements() {
-  if (m_segments.empty()) m_segments.emplace_back(new ElemPos[kSegmentSize]);
+  if (m_segments.empty()) {
+    m_segments.emplace_back(new ElemPos[kFirstSegmentStart]);
+    m_nFirstCapacity = kFirstSegmentStart;
+  }
   m_segments.resize(1);
   m_nElemCount = 1;
   // Entry 0 stands for the document: its children are the top-level elements.
@@ -252,7 +283,16 @@ void XmlDocument::resetPositions() {
 
 int XmlDocument::newElement() {
   int index = m_nElemCount++;
-  if ((static_cast<size_t>(index) >> kSegmentBits) >= m_segments.size()) {
+  if (index < kSegmentSize) {
+    if (index >= m_nFirstCapacity) {
+      // Moves the first segment: no reference to an entry may be held across this call.
+      const int capacity = std::min(kSegmentSize, m_nFirstCapacity * 2);
+      std::unique_ptr<ElemPos[]> grown(new ElemPos[static_cast<size_t>(capacity)]);
+      std::copy(m_segments[0].get(), m_segments[0].get() + index, grown.get());
+      m_segments[0] = std::move(grown);
+      m_nFirstCapacity = capacity;
+    }
+  } else if ((static_cast<size_t>(index) >> kSegmentBits) >= m_segments.size()) {
     m_segments.emplace_back(new ElemPos[kSegmentSize]);
   }
   el(index) = ElemPos{0, 0, 0, 0, 0, 0, 0, 0};
@@ -368,10 +408,27 @@ void XmlDocument::parse() {
   resetElements();
   resetPositions();
   m_bWellFormed = true;
+  m_nEndTagMatchWork = 0;
   const char16_t* p = m_strDoc.data();
   const int n = static_cast<int>(m_strDoc.size());
   std::vector<int> stack;  // open elements
   stack.reserve(64);
+  // End tags close the innermost open element of their name. The top of the stack is tried first,
+  // which is all a sound document needs. The first time it does not match, an index of the open
+  // elements by name (their places in the stack, innermost last) is built and from then on kept up
+  // to date, so that end tags that match nothing, or match far down, do not look at every open
+  // element again: a long run of them would otherwise cost the square of the depth.
+  std::unordered_map<WStringView, std::vector<size_t>> openByName;
+  bool indexed = false;
+  auto push = [&](int index) {
+    stack.push_back(index);
+    if (indexed) openByName[tagName(index)].push_back(stack.size() - 1);
+  };
+  // Drops stack[keep..] from the index; the caller then drops them from the stack.
+  auto unindex = [&](size_t keep) {
+    if (!indexed) return;
+    for (size_t s = stack.size(); s-- > keep;) openByName[tagName(stack[s])].pop_back();
+  };
 
   auto link = [&](int index) {
     int parent = stack.empty() ? 0 : stack.back();
@@ -427,7 +484,7 @@ void XmlDocument::parse() {
       e.startTagLen = end + 1 - i;
       e.length = e.startTagLen;
       link(index);
-      if (p[end - 1] != u'/') stack.push_back(index);
+      if (p[end - 1] != u'/') push(index);
       i = end + 1;
     } else if (c == u'/') {
       if (i + 2 >= n) {
@@ -450,23 +507,28 @@ void XmlDocument::parse() {
       WStringView name(p + i + 2, static_cast<size_t>(nameEnd - i - 2));
       int tagEnd = hitLessThan ? end : end + 1;
       if (hitLessThan) unterminated(u"end_tag", i);
-      // The innermost open element of that name.
-      size_t match = stack.size();
-      while (match > 0) {
-        int candidate = stack[match - 1];
-        const ElemPos& ce = el(candidate);
-        WStringView open(p + ce.start + 1, static_cast<size_t>(ce.startTagLen - 1));
-        if (open.size() >= name.size() && open.compare(0, name.size(), name) == 0 &&
-            (open.size() == name.size() || EndsName(open[name.size()]))) {
-          break;
+      // The innermost open element of that name: match is its place in the stack plus one.
+      size_t match = 0;
+      if (!stack.empty()) {
+        ++m_nEndTagMatchWork;
+        if (tagName(stack.back()) == name) {
+          match = stack.size();
+        } else {
+          if (!indexed) {
+            for (size_t s = 0; s < stack.size(); ++s) openByName[tagName(stack[s])].push_back(s);
+            m_nEndTagMatchWork += static_cast<long long>(stack.size());
+            indexed = true;
+          }
+          auto found = openByName.find(name);
+          if (found != openByName.end() && !found->second.empty()) match = found->second.back() + 1;
         }
-        --match;
       }
       if (match == 0) {
         m_bWellFormed = false;
         noteItem(u"lone_end_tag", {{u"tagname", WString(name)}, {u"offset", Number(i)}});
       } else {
         int closed = stack[match - 1];
+        unindex(match - 1);
         if (match < stack.size()) closeUnended(stack, match, closed, tagEnd);
         ElemPos& e = el(closed);
         e.endTagLen = tagEnd - i;
@@ -879,9 +941,13 @@ bool XmlDocument::insertMarkup(const WString& markup, bool lineEnd, bool asChild
     const bool emptyElement = pe.endTagLen == 0 && pe.startTagLen >= 2 &&
                               m_strDoc[static_cast<size_t>(pe.start + pe.startTagLen - 2)] == u'/';
     if (emptyElement) {
-      // The first child of <a/>: the element becomes <a>, a line end, the child, </a>.
+      // The first child of <a/>: the element becomes <a>, a line end, the child, </a>. Every "/"
+      // and blank at the end of the tag goes: "<a//>" or "<a / />" read as empty too, and a start
+      // tag that still ended in "/" would stay empty and leave "</a>" without its start.
       int cut = pe.start + pe.startTagLen - 2;
-      while (cut > pe.start + 1 && IsSpace(m_strDoc[static_cast<size_t>(cut - 1)])) --cut;
+      while (cut > pe.start + 1 &&
+             (IsSpace(m_strDoc[static_cast<size_t>(cut - 1)]) || m_strDoc[static_cast<size_t>(cut - 1)] == u'/'))
+        --cut;
       const WString endTag = u"</" + WString(tagName(parent)) + u">";
       m_strDoc.replace(static_cast<size_t>(cut), static_cast<size_t>(pe.start + pe.startTagLen - cut),
                        u">\r\n" + markup + ending + endTag);
@@ -1054,8 +1120,7 @@ bool XmlDocument::load(const WString& path) {
         // The declaration could be read byte by byte, so the text is not in 16-bit units.
         declaredCodePage = kCodePageUtf8;
       }
-      if (declaredCodePage == kCodePageUtf8 ||
-          (declaredCodePage >= 0 && platform::CodePageSupported(static_cast<uint32_t>(declaredCodePage)))) {
+      if (CodePageKeepsDeclaration(declaredCodePage)) {
         codePage = declaredCodePage;
         encoding = name;
       }
@@ -1143,9 +1208,11 @@ bool XmlDocument::save(const WString& path) {
     WString name;
     if (DeclaredEncoding(WStringView(m_strDoc).substr(0, kProbeBytes), name)) {
       int declaredCodePage = charsetCodePage(name);
-      if (declaredCodePage == kCodePageUtf16Le || declaredCodePage == kCodePageUtf16Be ||
-          declaredCodePage == kCodePageUtf8 ||
-          (declaredCodePage >= 0 && platform::CodePageSupported(static_cast<uint32_t>(declaredCodePage)))) {
+      // UTF-16 without a mark is recognised by "<" and a character below U+0100 in front; other
+      // text goes out in UTF-8, which the reader takes for a declared UTF-16 read byte by byte.
+      const bool utf16 = declaredCodePage == kCodePageUtf16Le || declaredCodePage == kCodePageUtf16Be;
+      if (utf16 ? m_strDoc.size() >= 2 && m_strDoc[0] == u'<' && m_strDoc[1] != 0 && m_strDoc[1] < 0x100
+                : CodePageKeepsDeclaration(declaredCodePage)) {
         codePage = declaredCodePage;
         encoding = name;
       }
@@ -1164,6 +1231,10 @@ bool XmlDocument::save(const WString& path) {
     bool lossy = false;
     if (codePage == kCodePageUtf8) {
       lossy = !XmlWideToUtf8(m_strDoc, bytes);
+    } else if (codePage == kCodePageUtf7) {
+      // The system's converter writes "<", ">", "=" and quotes in base64 ("+ADw-"): the file would
+      // no longer show its declaration and would read back as other text.
+      lossy = !XmlWideToUtf7(m_strDoc, bytes);
     } else if (!platform::WideToCodePage(static_cast<uint32_t>(codePage), m_strDoc, bytes, &lossy)) {
       lossy = !XmlWideToUtf8(m_strDoc, bytes);
     }

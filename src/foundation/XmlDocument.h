@@ -78,6 +78,9 @@ class XmlDocument {
 
   // Number of elements that the element array holds.
   int elementCount() const { return m_nElemCount - 1; }
+  // Open elements that the last parse compared with end-tag names. It stays within a small
+  // multiple of the number of tags, however the end tags are mismatched.
+  long long endTagMatchWork() const { return m_nEndTagMatchWork; }
 
   // Text helpers of the class, also used by its users.
   static WString escapeText(WStringView text, int flags);
@@ -98,6 +101,9 @@ class XmlDocument {
   };
   static constexpr int kSegmentBits = 16;
   static constexpr int kSegmentSize = 1 << kSegmentBits;
+  // The first segment starts small and doubles up to its full size: most documents (the result
+  // record of getErrorText among them) hold a few elements, and a full segment is 2 MB.
+  static constexpr int kFirstSegmentStart = 64;
 
   ElemPos& el(int i) { return m_segments[static_cast<size_t>(i) >> kSegmentBits][i & (kSegmentSize - 1)]; }
   const ElemPos& el(int i) const { return m_segments[static_cast<size_t>(i) >> kSegmentBits][i & (kSegmentSize - 1)]; }
@@ -135,5 +141,7 @@ class XmlDocument {
   WString m_strLoadedEncoding;
 
   std::vector<std::unique_ptr<ElemPos[]>> m_segments;
+  int m_nFirstCapacity = 0;  // entries of the first segment; later segments are full
   int m_nElemCount = 0;
+  long long m_nEndTagMatchWork = 0;
 };

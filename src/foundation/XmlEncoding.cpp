@@ -132,3 +132,60 @@ bool XmlWideToUtf8(WStringView text, std::string& out) {
   out.resize(static_cast<size_t>(o - out.data()));
   return clean;
 }
+
+namespace {
+
+// Characters that a UTF-7 reader takes as themselves: the direct and the optional direct ones
+// and white space. The backslash and "~" are left out: some readers refuse them outside base64.
+inline bool Utf7Direct(char16_t c) {
+  return c == u'\t' || c == u'\n' || c == u'\r' || (c >= u' ' && c <= u'}' && c != u'+' && c != u'\\');
+}
+
+}  // namespace
+
+bool XmlWideToUtf7(WStringView text, std::string& out) {
+  static const char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  out.clear();
+  out.reserve(text.size() + text.size() / 4);
+  bool clean = true;
+  const size_t n = text.size();
+  size_t i = 0;
+  while (i < n) {
+    const char16_t c = text[i];
+    if (Utf7Direct(c)) {
+      out += static_cast<char>(c);
+      ++i;
+      continue;
+    }
+    if (c == u'+') {
+      out += "+-";
+      ++i;
+      continue;
+    }
+    // One base64 run over the 16-bit units up to the next direct character or "+".
+    out += '+';
+    uint32_t bits = 0;
+    int count = 0;
+    for (; i < n && !Utf7Direct(text[i]) && text[i] != u'+'; ++i) {
+      char16_t unit = text[i];
+      if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < n && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
+        // A pair goes in as it stands: the two units one after the other.
+      } else if (unit >= 0xDC00 && unit <= 0xDFFF && i > 0 && text[i - 1] >= 0xD800 && text[i - 1] <= 0xDBFF) {
+        // The second unit of a pair.
+      } else if (unit >= 0xD800 && unit <= 0xDFFF) {
+        unit = 0xFFFD;
+        clean = false;
+      }
+      bits = (bits << 16) | unit;
+      count += 16;
+      while (count >= 6) {
+        count -= 6;
+        out += kBase64[(bits >> count) & 0x3F];
+      }
+      bits &= (1u << count) - 1;
+    }
+    if (count > 0) out += kBase64[(bits << (6 - count)) & 0x3F];
+    out += '-';
+  }
+  return clean;
+}

@@ -1,5 +1,5 @@
-// The byte forms of XML files that the XML class converts with its own loops: UTF-8 and UTF-16.
-// Everything else goes through the platform's code-page service.
+// The byte forms of XML files that the XML class converts with its own loops: UTF-8 and UTF-16,
+// and UTF-7 when it writes. Everything else goes through the platform's code-page service.
 #pragma once
 
 #include <string>
@@ -16,3 +16,9 @@ bool XmlUtf8ToWide(const char* data, size_t length, WString& out);
 
 // UTF-16 to UTF-8; a lone surrogate becomes U+FFFD. Returns false when that happened.
 bool XmlWideToUtf8(WStringView text, std::string& out);
+
+// UTF-16 to UTF-7 with every printable ASCII character but "+", the backslash and "~" written as itself, so
+// that the markup and the encoding declaration of a document stay readable in the bytes. Other
+// characters go in base64 runs, each closed by "-"; "+" is "+-". A lone surrogate becomes U+FFFD.
+// Returns false when that happened.
+bool XmlWideToUtf7(WStringView text, std::string& out);

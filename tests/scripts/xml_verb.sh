@@ -30,6 +30,12 @@ rc=$?
 grep -Eq '^\{"wellFormed":false,"errorText":"[^"]+","elements":[0-9]+,"roundTrip":(true|false)\}$' <<<"$out" ||
   fail "broken file: $out"
 
+# A UTF-7 file: the save keeps its markup and declaration readable, so it reads back the same.
+utf7="$work/utf7.xml"
+printf '<?xml version="1.0" encoding="utf-7"?>\n<r a="1">caf+AOk- x</r>\n' >"$utf7"
+out=$(xml "$utf7")
+expect_line "$out" '{"wellFormed":true,"errorText":"to utf-7 length 63","elements":1,"roundTrip":true}'
+
 # A file that is not there gives no line and exit status 1.
 out=$(xml "$work/missing ✗.xml" 2>/dev/null)
 rc=$?

@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "foundation/XmlDocument.h"
+#include "foundation/XmlEncoding.h"
+#include "platform/CodePage.h"
 
 namespace {
 
@@ -120,6 +122,60 @@ TEST(XmlParse, FlawedTextStillGivesAUsableArray) {
   // A lone end tag is passed over and the walk goes on behind it.
   EXPECT_FALSE(doc.setDocument(u"<a><b></x>1</b><c>2</c></a>"));
   EXPECT_EQ(Dump(doc), "0 a=\n1 b=1\n1 c=2\n");
+}
+
+TEST(XmlParse, MismatchedEndTagsCostLinearWork) {
+  // Deep open elements followed by end tags that match none of them (or only the outermost): an
+  // end tag must not look at every open element again.
+  for (int n : {1000, 8000}) {
+    std::u16string lone;
+    std::u16string deep = u"<r>";
+    for (int k = 0; k < n; ++k) {
+      lone += u"<a>";
+      deep += k % 2 == 0 ? u"<a>" : u"<b>";
+    }
+    for (int k = 0; k < n; ++k) {
+      lone += u"</b>";
+      deep += u"</x></r>";
+    }
+    for (const std::u16string& text : {lone, deep}) {
+      XmlDocument doc;
+      EXPECT_FALSE(doc.setDocument(text));
+      const long long tags = 2LL * n + 2;
+      EXPECT_LE(doc.endTagMatchWork(), 3 * tags) << n;
+    }
+    XmlDocument doc;
+    doc.setDocument(lone);
+    EXPECT_EQ(doc.elementCount(), n);
+    EXPECT_EQ(Utf8(doc.getErrorText()), "lone end tag 'b' at offset " + std::to_string(3 * n));
+  }
+}
+
+TEST(XmlParse, EndTagsCloseTheInnermostOpenElementOfTheirName) {
+  // Each text starts with a lone end tag, so that the end tags behind it are matched the way a
+  // flawed document is matched: by name among all open elements, the innermost first.
+  struct Case {
+    const char16_t* text;
+    const char* tree;
+  };
+  const Case cases[] = {
+      {u"<r></z><a><b><a><c></a>1</b></a></r>", "0 r=\n1 a=\n2 b=\n3 a=\n4 c=\n"},
+      {u"<r></z><a><a><b></a></a></r>", "0 r=\n1 a=\n2 a=\n3 b=\n"},
+      // Names compare whole: neither "a" nor "ab" stands for the other.
+      {u"<r></z><ab><a></ab><a></a></r>", "0 r=\n1 ab=\n2 a=\n1 a=\n"},
+      {u"<r></z><a><ab></a></r>", "0 r=\n1 a=\n2 ab=\n"},
+      {u"<r></z><a x='1'><a>t</a></a ></r>", "0 r=\n1 a=\n2 a=t\n"},
+  };
+  for (const Case& c : cases) {
+    XmlDocument doc;
+    EXPECT_FALSE(doc.setDocument(c.text));
+    EXPECT_EQ(Dump(doc), c.tree) << Utf8(c.text);
+    EXPECT_EQ(Utf8(doc.getErrorText()), "lone end tag 'z' at offset 3") << Utf8(c.text);
+  }
+  // b and c, left open by </a>, pass their children to a.
+  XmlDocument doc;
+  doc.setDocument(u"<r></z><a><b><c><d/></a></b></r>");
+  EXPECT_EQ(Dump(doc), "0 r=\n1 a=\n2 b=\n2 c=\n2 d=\n");
 }
 
 TEST(XmlParse, DamagedDocumentsKeepAConsistentArray) {
@@ -313,6 +369,40 @@ TEST(XmlBuild, InsertionBehindTheMainElementAndAsChild) {
   ExpectSameAsReparsed(doc);
 }
 
+TEST(XmlBuild, FirstChildOfAnEmptyElementWrittenWithExtraSlashes) {
+  // Tags are not checked inside, so these all count as empty elements; their first child must
+  // turn them into a start tag that no longer reads as empty.
+  struct Case {
+    const char16_t* text;
+    const char* startTag;
+  };
+  const Case cases[] = {
+      {u"<r//>", "<r>"},
+      {u"<r / />", "<r>"},
+      {u"<r\r\n/\t/>", "<r>"},
+      {u"<r a=\"/\" / //>", "<r a=\"/\">"},
+      {u"<r/>", "<r>"},
+      // A quote ends the name, so that the end tag written for it reads as one.
+      {u"<r\"x y=\"/>", "<r\"x y=\">"},
+  };
+  for (const Case& c : cases) {
+    for (bool asChild : {true, false}) {
+      XmlDocument doc;
+      ASSERT_TRUE(doc.setDocument(c.text)) << Utf8(c.text);
+      ASSERT_TRUE(doc.findElement(u"r"));
+      if (asChild) {
+        ASSERT_TRUE(doc.addElement(u"c", u"1", XML_EL_CHILD));
+      } else {
+        ASSERT_TRUE(doc.intoElement());
+        ASSERT_TRUE(doc.addElement(u"c", u"1"));
+      }
+      EXPECT_EQ(Utf8(doc.getDocument()), std::string(c.startTag) + "\r\n<c>1</c>\r\n</r>") << Utf8(c.text);
+      EXPECT_TRUE(XmlDocument().setDocument(doc.getDocument())) << Utf8(doc.getDocument());
+      ExpectSameAsReparsed(doc);
+    }
+  }
+}
+
 TEST(XmlBuild, CdataAndNodes) {
   XmlDocument doc;
   doc.setDocument(nullptr);
@@ -460,6 +550,96 @@ TEST_F(XmlFile, EncodingIsTakenFromDeclarationMetaOrDetection) {
   EXPECT_TRUE(doc.load(Path("bad.xml")));
   doc.findElement();
   EXPECT_EQ(doc.getData(), WString(u"\uFFFD"));
+}
+
+TEST_F(XmlFile, Utf7DocumentSurvivesSaveAndReload) {
+  // The markup in plain characters, as UTF-7 files are written; "é" and "+" in their UTF-7 forms.
+  Write("u7.xml", "<?xml version=\"1.0\" encoding=\"utf-7\"?>\n<r a=\"1\">caf+AOk- 1+-1=2 x</r>\n");
+  XmlDocument doc;
+  ASSERT_TRUE(doc.load(Path("u7.xml"))) << Utf8(doc.getErrorText());
+  ASSERT_TRUE(doc.findElement(u"r"));
+  EXPECT_EQ(doc.getData(), WString(u"caf\u00E9 1+1=2 x"));
+  ASSERT_TRUE(doc.save(Path("u7b.xml")));
+  // The markup and the declaration stay readable, so that the file is read back in UTF-7.
+  EXPECT_EQ(Read("u7b.xml"), "<?xml version=\"1.0\" encoding=\"utf-7\"?>\n<r a=\"1\">caf+AOk- 1+-1=2 x</r>\n");
+  XmlDocument back;
+  ASSERT_TRUE(back.load(Path("u7b.xml"))) << Utf8(back.getErrorText());
+  EXPECT_EQ(back.getDocument(), doc.getDocument());
+  // A document built in memory that declares UTF-7, with characters of every kind.
+  const WString data = u"<&>\"' +-+ ~\\ \u00E9-\u00E9A\u00E9.\u65E5\U0001F600\t";
+  XmlDocument built;
+  built.setDocument(u"<?xml version=\"1.0\" encoding=\"UTF-7\"?>\r\n");
+  built.addElement(u"Jobs");
+  built.intoElement();
+  built.addElement(u"Job", data.c_str());
+  built.addElement(u"Job", data.c_str(), XML_EL_CDATA);
+  ASSERT_TRUE(built.save(Path("u7c.xml")));
+  EXPECT_EQ(Read("u7c.xml").substr(0, 45), "<?xml version=\"1.0\" encoding=\"UTF-7\"?>\r\n<Jobs");
+  ASSERT_TRUE(back.load(Path("u7c.xml"))) << Utf8(back.getErrorText());
+  EXPECT_EQ(back.getDocument(), built.getDocument());
+  back.findElement(u"Jobs");
+  back.intoElement();
+  int jobs = 0;
+  while (back.findElement(u"Job")) {
+    EXPECT_EQ(back.getData(), data);
+    ++jobs;
+  }
+  EXPECT_EQ(jobs, 2);
+}
+
+TEST_F(XmlFile, DeclaredEncodingIsTakenOnlyWhereTheDeclarationReadsAsItself) {
+  // An EBCDIC page declared in ASCII: the bytes contradict the declaration, which is ignored.
+  const std::string ebcdic = "<?xml version=\"1.0\" encoding=\"cp037\"?>\r\n<a>x</a>";
+  Write("e.xml", ebcdic);
+  XmlDocument doc;
+  EXPECT_TRUE(doc.load(Path("e.xml")));
+  EXPECT_EQ(Utf8(doc.getErrorText()), "to UTF-8 length " + std::to_string(ebcdic.size()));
+  ASSERT_TRUE(doc.findElement(u"a"));
+  EXPECT_EQ(Utf8(doc.getData()), "x");
+  // Built documents that declare such an encoding, or UTF-16 that the reader would not know
+  // without a mark, are written in UTF-8 and read back as they were.
+  for (const char16_t* header :
+       {u"<?xml version=\"1.0\" encoding=\"cp037\"?>\r\n", u"<?xml version=\"1.0\" encoding=\"ISO-2022-KR\"?>\r\n",
+        u"\r\n<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n"}) {
+    XmlDocument built;
+    built.setDocument(header);
+    built.addElement(u"a", u"caf\u00E9");
+    ASSERT_TRUE(built.save(Path("b.xml")));
+    EXPECT_EQ(Read("b.xml"), WToUtf8(built.getDocument())) << Utf8(header);
+    XmlDocument back;
+    EXPECT_TRUE(back.load(Path("b.xml"))) << Utf8(header);
+    EXPECT_EQ(back.getDocument(), built.getDocument()) << Utf8(header);
+  }
+  // UTF-16 that starts with "<" is known without a mark and is written as declared.
+  XmlDocument built;
+  built.setDocument(u"<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n");
+  built.addElement(u"a", u"caf\u00E9");
+  ASSERT_TRUE(built.save(Path("w.xml")));
+  EXPECT_EQ(Read("w.xml").substr(0, 4), std::string("<\0?\0", 4));
+  XmlDocument back;
+  EXPECT_TRUE(back.load(Path("w.xml")));
+  EXPECT_EQ(back.getDocument(), built.getDocument());
+}
+
+TEST(XmlEncoding, Utf7WriterReadsBackThroughTheSystemConverter) {
+  // Every ASCII character, base64 runs ended before a base64 letter, "-" and the end, characters
+  // of every plane, and the markup characters, which must be written as themselves.
+  WString text;
+  for (char16_t c = 1; c < 0x80; ++c) text += c;
+  text += u"\u00E9A\u00E9-\u00E9+\u00E9\u00E9\u00E9 \u20AC\U0001F600\U0010FFFD\uFFFD\uFEFF\u0000x";
+  for (char32_t c = 0x80; c < 0x10000; c += 251) {
+    if (c < 0xD800 || c > 0xDFFF) text += static_cast<char16_t>(c);
+  }
+  std::string bytes;
+  EXPECT_TRUE(XmlWideToUtf7(text, bytes));
+  for (char markup : std::string("<>=\"'/?!&;[]")) EXPECT_NE(bytes.find(markup), std::string::npos) << markup;
+  WString back;
+  ASSERT_TRUE(platform::CodePageToWide(65000, bytes.data(), bytes.size(), back));
+  EXPECT_EQ(back, text);
+  // A lone surrogate is not UTF-16 text: it is written as U+FFFD and reported.
+  EXPECT_FALSE(XmlWideToUtf7(WString(u"a") + static_cast<char16_t>(0xD800) + u"b", bytes));
+  ASSERT_TRUE(platform::CodePageToWide(65000, bytes.data(), bytes.size(), back));
+  EXPECT_EQ(back, WString(u"a\uFFFDb"));
 }
 
 TEST_F(XmlFile, SavingNotesConversionLoss) {
