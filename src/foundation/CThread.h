@@ -22,6 +22,8 @@ class CThread {
                          size_t stackSize);
   // True when there is no thread, its state cannot be asked, it has ended, or it ends within `ms`.
   bool WaitForThread(uint32_t ms);
+  // Waits up to `ms` of real time, whatever the clock; true when the thread has ended.
+  bool WaitRealMs(uint32_t ms) { return !m_thread.HasHandle() || m_thread.WaitRealMicros(uint64_t{ms} * 1000); }
   // Ends the thread by force and joins it: when this returns the thread no longer runs.
   int KillThread(uint32_t exitCode);
   int SetThreadName(const char16_t* name, const char16_t* suffix);

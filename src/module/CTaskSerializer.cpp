@@ -67,9 +67,11 @@ int CTaskSerializer::TerminateSerialization() {
     m_wake.Set();
     platform::SleepMs(100);
     result = m_worker.WaitForThread(2000) ? 1 : 0;
-    // A worker that did not end in time is ended by force; either way it is joined before this
-    // returns, since the module object it runs in may be freed next.
-    if (result)
+    // The worker has been told to end. When the module's clock runs fast the 2000 ms are gone at
+    // once, so it gets up to 2 s of real time more before it is ended by force: a forced end can
+    // leave a lock of the process held (on Windows the heap's). Either way it is joined before
+    // this returns, since the module object it runs in may be freed next.
+    if (result || m_worker.WaitRealMs(2000))
       m_worker.Join();
     else
       m_worker.KillThread(0);
