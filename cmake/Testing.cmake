@@ -15,12 +15,46 @@ else()
   set(EM_GTEST_LIBS GTest::gmock GTest::gtest GTest::gtest_main)
 endif()
 
+# A small program of known behaviour (exit codes, output, hanging) for the process tests.
+add_executable(em_test_child tests/support/TestChild.cpp)
+
+# The test servers (nginx over http and https, tinyproxy with and without authentication, the
+# fault server), started once before the tests that need them and stopped after them. Their
+# ports and credentials are in servers.env of the state directory.
+set(EM_SERVERS_STATE ${CMAKE_BINARY_DIR}/test-servers)
+add_test(NAME servers_up COMMAND python3 ${CMAKE_SOURCE_DIR}/tests/support/servers.py up --state ${EM_SERVERS_STATE})
+set_tests_properties(servers_up PROPERTIES FIXTURES_SETUP servers)
+add_test(NAME servers_down COMMAND python3 ${CMAKE_SOURCE_DIR}/tests/support/servers.py down --state ${EM_SERVERS_STATE})
+set_tests_properties(servers_down PROPERTIES FIXTURES_CLEANUP servers)
+
+# What tests that meet the real pieces get: the servers, the transfer tool, the archive stub, the
+# tree builder and the test child.
+set(EM_TOOL_ENV
+  "EM_TEST_SERVERS=${EM_SERVERS_STATE}/servers.env"
+  "EM_FILEDOWNLOAD=$<TARGET_FILE:FileDownLoad>"
+  "EM_REPOTOOL=$<TARGET_FILE:repotool>"
+  "EM_SFX_STUB=${EM_SFX_STUB}"
+  "EM_TEST_CHILD=$<TARGET_FILE:em_test_child>")
+
 # Unit tests: the module's code linked in statically, one program for all subsystems.
 file(GLOB EM_UNIT_SOURCES CONFIGURE_DEPENDS tests/unit/*.cpp)
 add_executable(em_unit_tests ${EM_UNIT_SOURCES})
 target_link_libraries(em_unit_tests PRIVATE em_core ${EM_GTEST_LIBS})
 target_include_directories(em_unit_tests PRIVATE ${CMAKE_SOURCE_DIR})
+add_dependencies(em_unit_tests em_test_child)
 add_test(NAME unit COMMAND em_unit_tests)
+set_tests_properties(unit PROPERTIES ENVIRONMENT "${EM_TOOL_ENV}")
+
+# The mirror against the real servers, the transfer tool and the archives.
+file(GLOB EM_MIRROR_TEST_SOURCES CONFIGURE_DEPENDS tests/mirror/*.cpp)
+if(EM_MIRROR_TEST_SOURCES)
+  add_executable(em_mirror_tests ${EM_MIRROR_TEST_SOURCES})
+  target_link_libraries(em_mirror_tests PRIVATE em_core ${EM_GTEST_LIBS})
+  target_include_directories(em_mirror_tests PRIVATE ${CMAKE_SOURCE_DIR})
+  add_dependencies(em_mirror_tests FileDownLoad repotool em_test_child em_sfx_stub)
+  add_test(NAME mirror COMMAND em_mirror_tests)
+  set_tests_properties(mirror PROPERTIES ENVIRONMENT "${EM_TOOL_ENV}" FIXTURES_REQUIRED servers)
+endif()
 
 # Integration tests: the module file loaded by the test host, as the agent loads it.
 file(GLOB EM_INTEGRATION_SOURCES CONFIGURE_DEPENDS tests/integration/*.cpp)
@@ -48,6 +82,7 @@ foreach(script ${EM_SCRIPT_TESTS})
   get_filename_component(name ${script} NAME_WE)
   add_test(NAME script_${name}
            COMMAND bash ${script} $<TARGET_FILE:nwhost> $<TARGET_FILE:EM_MENDER> "${EM_RUN_PREFIX}")
+  set_tests_properties(script_${name} PROPERTIES ENVIRONMENT "${EM_TOOL_ENV}" FIXTURES_REQUIRED servers)
 endforeach()
 
 # The include-direction check refuses what it must (native only: it reads the source tree).
