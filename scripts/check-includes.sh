@@ -18,7 +18,7 @@ check=base platform foundation config mirror check engine
 jobs=base platform foundation config mirror check jobs engine
 module=base platform foundation config mirror check jobs module engine
 engine=base platform foundation engine'
-system_headers='windows\.h|winhttp\.h|unistd\.h|pthread\.h|fcntl\.h|dlfcn\.h|spawn\.h|sys/[a-z_]+\.h|io\.h|process\.h|direct\.h'
+system_headers='windows\.h|winhttp\.h|unistd\.h|pthread\.h|fcntl\.h|dlfcn\.h|spawn\.h|sys/[a-z_]+\.h|io\.h|process\.h|direct\.h|archive(_entry)?\.h|curl/curl\.h|aclapi\.h'
 
 mapfile -t files < <(find src -type f \( -name '*.h' -o -name '*.cpp' -o -name '*.inc' \) | sort)
 [ ${#files[@]} -gt 0 ] || exit 0

@@ -6,20 +6,9 @@
 #include <mutex>
 
 #include "base/WString.h"
+#include "foundation/VersionLine.h"
 
 class IUpdateModule;
-
-// One line of versionAll.txt as the size query of the check reads it.
-struct VersionLineInfo {
-  WString leafRelPath;
-  int32_t leafVersion = -99;
-  WString leafExeFile;
-  int64_t leafExeFileSize = -1;
-  char16_t leafType = u' ';
-  WString commonLeaf;
-  int32_t commonVersion = -99;
-  int32_t oldVersion = -99;
-};
 
 class UM_Util {
  public:
