@@ -6,7 +6,7 @@
 
 class FakeUpdateModule : public IUpdateModule {
  public:
-  uint32_t GetSwitchShutDownFlag() override { return 0; }
+  uint32_t GetSwitchShutDownFlag() override { return shutdown; }
   int GetCabinetNumber(uint32_t* number) override {
     *number = 0;
     return cabinetKnown ? 1 : 0;
@@ -19,5 +19,6 @@ class FakeUpdateModule : public IUpdateModule {
   CEvent& PollingLoopCheckDone() override { return done; }
 
   bool cabinetKnown = true;
+  uint32_t shutdown = 0;
   CEvent spare, done;
 };
