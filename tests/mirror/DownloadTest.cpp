@@ -59,6 +59,17 @@ TEST_F(DownloadTest, FetchesOverHttpHttpsAndBothProxies) {
   params.SetProxyMode(0);
 
 #ifndef _WIN32
+  // The system's proxy: on Linux the environment names it. A proxy that does not answer fails
+  // the transfer, so the setting is seen to be used.
+  params.SetProxyMode(1);
+  platform::SetEnv(u"http_proxy", WFromUtf8("http://127.0.0.1:" + std::to_string(servers.proxyPort)));
+  EXPECT_EQ(utils.Download(params.GetRemoteServer(), u"dl/pkg one.bin", root + u"/p.bin", 2), 0);
+  EXPECT_EQ(ReadBytes(root + u"/p.bin"), body);
+  platform::SetEnv(u"http_proxy", u"http://127.0.0.1:1");
+  EXPECT_NE(utils.Download(params.GetRemoteServer(), u"dl/pkg one.bin", root + u"/q.bin", 2), 0);
+  platform::UnsetEnv(u"http_proxy");
+  params.SetProxyMode(0);
+
   // https with the test CA that the environment names.
   platform::SetEnv(u"EM_MENDER_CA_FILE", WFromUtf8(servers.caFile));
   params.SetProtocol(1);
