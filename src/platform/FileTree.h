@@ -12,6 +12,9 @@ namespace platform {
 // subdirectories, empty ones included, hidden files included, existing files overwritten. Files
 // already in `to` that `from` lacks stay. On failure `error` holds one readable line per problem
 // and the copy goes on with the next entry.
+// POSIX: symbolic links are copied as links (their target text unchanged), never followed; files
+// keep their modification time; a target inside the source is refused. Windows: directory links
+// (junctions) are reported and skipped; read-only, hidden or system targets are overwritten too.
 bool CopyTree(const WString& from, const WString& to, WString& error);
 // Removes a directory with everything below it. A symbolic link below it is removed as a link;
 // what it points to is never touched. True when nothing stands at `path` afterwards.

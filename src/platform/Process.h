@@ -31,6 +31,9 @@ class ChildProcess final : public Waitable {
  public:
   ChildProcess();
   ~ChildProcess();  // leaves a running child running; releases the handle
+  // POSIX: no thread watches the child; the first WaitRealMicros, ExitCode or Terminate that finds
+  // it ended reaps it. A child still running when its object goes away is not reaped by anyone and
+  // stays a zombie after its end until the host ends: wait for children or end them first.
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
@@ -53,6 +56,10 @@ class ChildProcess final : public Waitable {
 };
 
 // Splits a command line as Windows' CommandLineToArgvW does (exposed for tests and the POSIX side).
+// In detail, the rules of the C runtime since 2008: "" standing alone is an empty word, "" inside a
+// quoted part is one literal quote and the part goes on; 2n backslashes before a quote give n and
+// the quote groups, 2n+1 give n and a literal quote, other backslashes stay. The first word (the
+// program) takes quotes as grouping only and backslashes as they are. Blanks before it are skipped.
 std::vector<WString> SplitCommandLine(WStringView commandLine);
 
 }  // namespace platform
