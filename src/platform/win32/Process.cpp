@@ -21,8 +21,10 @@ namespace {
 // writes there. Inheritable, as the child's standard handles must be.
 HANDLE OpenForAppend(const WString& path) {
   SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
-  return CreateFileW(W32(path), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa, OPEN_ALWAYS,
-                     FILE_ATTRIBUTE_NORMAL, nullptr);
+  // Shared for deletion too: the caller removes the files once the child has ended, and the
+  // system may close the child's copies a moment after its end is signalled.
+  return CreateFileW(W32(path), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &sa,
+                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
 WString Backslashes(WString path) {
