@@ -87,6 +87,21 @@ void DLUtils::EndLog() {
   m_log->umEndLogging();
 }
 
+// "<temp>/<step>_<tag>_<id>.txt" and "<temp>/<step>err_<tag>_<id>.txt", removed before the step.
+DLUtils::OutputFiles DLUtils::MakeOutputFiles(const char16_t* step) const {
+  WString tag = ServerTag();
+  OutputFiles files;
+  files.out = WFormat(u"%s/%s_%s_%ld.txt", m_tempDir.c_str(), step, tag.c_str(), static_cast<long>(m_uniqueId));
+  files.err = WFormat(u"%s/%serr_%s_%ld.txt", m_tempDir.c_str(), step, tag.c_str(), static_cast<long>(m_uniqueId));
+  RemoveOutputFiles(files);
+  return files;
+}
+
+void DLUtils::RemoveOutputFiles(const OutputFiles& files) {
+  platform::RemoveFilePath(files.out);
+  platform::RemoveFilePath(files.err);
+}
+
 void DLUtils::WriteTextFile(const WString& path, const WString& text) {
   std::string bytes;
   platform::WideToCodePage(platform::kCodePageAnsi, text, bytes);
@@ -258,23 +273,17 @@ int DLUtils::Uncompress(const WString& dir, const WString& exeName) {
     TRACE(1, u"DLUtils::Uncompress()\t: >>>ERROR: directory '%s' not accessible\n", dir.c_str());
     return -1;
   }
-  WString tag = ServerTag();
-  WString outFile = WFormat(u"%s/unzip_%s_%ld.txt", m_tempDir.c_str(), tag.c_str(), static_cast<long>(m_uniqueId));
-  WString errFile = WFormat(u"%s/unziperr_%s_%ld.txt", m_tempDir.c_str(), tag.c_str(), static_cast<long>(m_uniqueId));
-  platform::RemoveFilePath(outFile);
-  platform::RemoveFilePath(errFile);
-  int rc = platform::UnpackSelfExtractingArchive(dir, exeName, outFile, errFile);
+  OutputFiles files = MakeOutputFiles(u"unzip");
+  int rc = platform::UnpackSelfExtractingArchive(dir, exeName, files.out, files.err);
   if (rc == 0) {
-    platform::RemoveFilePath(outFile);
-    platform::RemoveFilePath(errFile);
+    RemoveOutputFiles(files);
     return 0;
   }
   StartLog();
   m_log->umLogError(WFormat(u"Uncompressing of '%s' failed! (returncode=%d)", exeName.c_str(), rc));
-  CopyFileToServerLog(errFile, u"Error information - uncompressing failed:");
+  CopyFileToServerLog(files.err, u"Error information - uncompressing failed:");
   EndLog();
-  platform::RemoveFilePath(outFile);
-  platform::RemoveFilePath(errFile);
+  RemoveOutputFiles(files);
   return -1;
 }
 
@@ -308,25 +317,19 @@ int DLUtils::RemoveCompleteDirectory(const WString& absPath) {
     TRACE(1, u"DLUtils::RemoveCompleteDirectory()\t: >>>ERROR: refusing to remove '%s'\n", path.c_str());
     return -1;
   }
-  WString tag = ServerTag();
-  WString outFile = WFormat(u"%s/rmdir_%s_%ld.txt", m_tempDir.c_str(), tag.c_str(), static_cast<long>(m_uniqueId));
-  WString errFile = WFormat(u"%s/rmdirerr_%s_%ld.txt", m_tempDir.c_str(), tag.c_str(), static_cast<long>(m_uniqueId));
-  platform::RemoveFilePath(outFile);
-  platform::RemoveFilePath(errFile);
+  OutputFiles files = MakeOutputFiles(u"rmdir");
   WString error;
-  if (!platform::RemoveTree(path, error)) WriteTextFile(errFile, error);
+  if (!platform::RemoveTree(path, error)) WriteTextFile(files.err, error);
   if (!platform::DirectoryExists(path) && !platform::FileExists(path)) {
-    platform::RemoveFilePath(outFile);
-    platform::RemoveFilePath(errFile);
+    RemoveOutputFiles(files);
     return 0;
   }
   StartLog();
   m_log->umLogError(WFormat(u"Removal of directory '%s' failed !", absPath.c_str()));
-  CopyFileToServerLog(outFile, u"Error information - removing directory (stdout):");
-  CopyFileToServerLog(errFile, u"Error information - removing directory (stderr):");
+  CopyFileToServerLog(files.out, u"Error information - removing directory (stdout):");
+  CopyFileToServerLog(files.err, u"Error information - removing directory (stderr):");
   EndLog();
-  platform::RemoveFilePath(outFile);
-  platform::RemoveFilePath(errFile);
+  RemoveOutputFiles(files);
   return -1;
 }
 
@@ -335,24 +338,19 @@ int DLUtils::CopyCompleteDirectory(const WString& from, const WString& to, int c
   WString source = from, target = to;
   ToForwardSlashes(source);
   ToForwardSlashes(target);
-  WString tag = ServerTag();
-  WString outFile = WFormat(u"%s/xcopy_%s_%ld.txt", m_tempDir.c_str(), tag.c_str(), static_cast<long>(m_uniqueId));
-  WString errFile = WFormat(u"%s/xcopyerr_%s_%ld.txt", m_tempDir.c_str(), tag.c_str(), static_cast<long>(m_uniqueId));
-  platform::RemoveFilePath(outFile);
-  platform::RemoveFilePath(errFile);
+  OutputFiles files = MakeOutputFiles(u"xcopy");
   WString error;
   bool ok = platform::DirectoryExists(source) && platform::CopyTree(source, target, error);
   if (!ok) {
     if (error.empty()) error = WFormat(u"cannot copy '%s': no such directory", source.c_str());
-    WriteTextFile(errFile, error);
+    WriteTextFile(files.err, error);
     StartLog();
     m_log->umLogError(WFormat(u"Copying directory '%s' failed. ERROR!", from.c_str()));
-    CopyFileToServerLog(outFile, u"Error Information: stdout of copy command:");
-    CopyFileToServerLog(errFile, u"Error Information: stderr of copy command:");
+    CopyFileToServerLog(files.out, u"Error Information: stdout of copy command:");
+    CopyFileToServerLog(files.err, u"Error Information: stderr of copy command:");
     EndLog();
   }
-  platform::RemoveFilePath(outFile);
-  platform::RemoveFilePath(errFile);
+  RemoveOutputFiles(files);
   return ok ? 0 : -1;
 }
 

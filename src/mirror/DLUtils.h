@@ -87,7 +87,12 @@ class DLUtils {
  private:
   int RunCommand(const WString& application, const WString& cmd, const WString& traceCmd, const WString& currDir,
                  const WString& outFile, const WString& errFile, uint32_t timeoutSecs);
+  struct OutputFiles {
+    WString out, err;
+  };
   WString ServerTag() const;
+  OutputFiles MakeOutputFiles(const char16_t* step) const;
+  static void RemoveOutputFiles(const OutputFiles& files);
   void StartLog();
   void EndLog();
   void WriteTextFile(const WString& path, const WString& text);

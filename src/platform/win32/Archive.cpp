@@ -12,12 +12,6 @@ namespace platform {
 
 namespace {
 
-WString Backslashes(WString path) {
-  for (char16_t& c : path)
-    if (c == u'/') c = u'\\';
-  return path;
-}
-
 // The interpreter the system names in ComSpec, else the one in the system directory. The program
 // is given apart from the command line, which is never searched for.
 WString CommandInterpreter() {

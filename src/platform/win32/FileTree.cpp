@@ -10,14 +10,8 @@ namespace platform {
 
 namespace {
 
-// Callers write paths with '/' or '\'. Trees are walked with full paths in the long form ("\\?\"),
-// so that deep trees stay reachable; messages show the ordinary form.
-WString Backslashes(WString path) {
-  for (char16_t& c : path)
-    if (c == u'/') c = u'\\';
-  return path;
-}
-
+// Trees are walked with full paths in the long form ("\\?\"), so that deep trees stay reachable;
+// messages show the ordinary form.
 WString Native(const WString& path) {
   WString p = Backslashes(path);
   while (p.size() > 3 && p.back() == u'\\') p.pop_back();

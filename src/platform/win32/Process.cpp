@@ -27,12 +27,6 @@ HANDLE OpenForAppend(const WString& path) {
                      OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-WString Backslashes(WString path) {
-  for (char16_t& c : path)
-    if (c == u'/') c = u'\\';
-  return path;
-}
-
 // The handles a child inherits, restricted to its two output files; without the attribute list
 // (a system that refuses it) every inheritable handle of the host would go along.
 class InheritList {
