@@ -220,8 +220,10 @@ TEST_F(MirrorFilesTest, DirectoryTreesAndTheStructureOfTheMirror) {
   params.SetDownloadLocation(root + u"/tree");
   DownloadLocation location;
   ASSERT_EQ(location.BuildStructure(params), 0);
-  EXPECT_EQ(location.GetWorkDir(), root + u"/work");
-  EXPECT_EQ(location.GetTempDir(), root + u"/work/temp");
+  WString work = root + u"/work";
+  DLUtils::ToForwardSlashes(work);  // the work directory is kept with forward slashes
+  EXPECT_EQ(location.GetWorkDir(), work);
+  EXPECT_EQ(location.GetTempDir(), work + u"/temp");
   EXPECT_TRUE(platform::DirectoryExists(root + u"/work/temp"));
   EXPECT_TRUE(platform::DirectoryExists(root + u"/tree"));
 #ifndef _WIN32
