@@ -11,6 +11,7 @@
 #include "platform/Environment.h"
 #include "platform/FileIo.h"
 #include "platform/FileTree.h"
+#include "tests/unit/LinkTarget.h"
 
 #ifndef _WIN32
 #include <archive.h>
@@ -146,14 +147,6 @@ std::string WithStub(const std::string& zip, bool offsetsFromFileStart) {
     at += 46u + Get16(out, at + 28) + Get16(out, at + 30) + Get16(out, at + 32);
   }
   return out;
-}
-
-bool IsLink(const WString& path, std::string& target) {
-  char buf[4096];
-  ssize_t n = ::readlink(WToUtf8(path).c_str(), buf, sizeof buf);
-  if (n < 0) return false;
-  target.assign(buf, static_cast<size_t>(n));
-  return true;
 }
 
 #endif

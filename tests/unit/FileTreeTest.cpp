@@ -5,6 +5,7 @@
 
 #include "platform/FileIo.h"
 #include "platform/FileTree.h"
+#include "tests/unit/LinkTarget.h"
 
 #ifdef _WIN32
 #include <aclapi.h>
@@ -65,16 +66,6 @@ void SetReadOnly(const WString& path) {
   ::chmod(WToUtf8(path).c_str(), 0444);
 #endif
 }
-
-#ifndef _WIN32
-bool IsLink(const WString& path, std::string& target) {
-  char buf[4096];
-  ssize_t n = ::readlink(WToUtf8(path).c_str(), buf, sizeof buf);
-  if (n < 0) return false;
-  target.assign(buf, static_cast<size_t>(n));
-  return true;
-}
-#endif
 
 }  // namespace
 
