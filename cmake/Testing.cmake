@@ -17,6 +17,7 @@ endif()
 
 # A small program of known behaviour (exit codes, output, hanging) for the process tests.
 add_executable(em_test_child tests/support/TestChild.cpp)
+target_link_libraries(em_test_child PRIVATE em_platform)
 
 # The test servers (nginx over http and https, tinyproxy with and without authentication, the
 # fault server), started once before the tests that need them and stopped after them. Their

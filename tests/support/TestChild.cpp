@@ -7,6 +7,8 @@
 //   args          writes every argument after it as "[argument]", one per line, and ends the list
 //   cwd           writes the current directory
 //   pid           writes its process id
+//   lock PATH     holds the byte lock of an existing file's first byte until it ends, as another
+//                 downloader does (writes "locked" or "not locked")
 //   fds           writes "fds:" and the open descriptors above the standard three (POSIX)
 // Output goes out unbuffered and without text-mode translation, so files hold exactly what was
 // written even when the child is killed. An unknown command ends it with exit code 64.
@@ -17,6 +19,8 @@
 #include <chrono>
 #include <string>
 #include <thread>
+
+#include "platform/FileLock.h"
 
 #ifdef _WIN32
 #include <direct.h>
@@ -99,6 +103,11 @@ int main(int argc, char** argv) {
       Put(stdout, CurrentDirectory() + "\n");
     } else if (strcmp(cmd, "fds") == 0) {
       Put(stdout, OpenDescriptors() + "\n");
+    } else if (strcmp(cmd, "lock") == 0 && value) {
+      static platform::ByteLockFile held;
+      bool locked = held.Open(WFromUtf8(argv[++i])) == platform::ByteLockFile::OpenResult::kOpened &&
+                    held.TryLock() == platform::ByteLockFile::LockResult::kLocked;
+      Put(stdout, locked ? "locked\n" : "not locked\n");
     } else if (strcmp(cmd, "pid") == 0) {
       Put(stdout, std::to_string(ProcessId()) + "\n");
     } else {

@@ -1,0 +1,83 @@
+// The local repository's tree: the state of each leaf, its version line, its backup, its removal,
+// its information files from the unpacked information tree, and the fetch and unpack of its
+// package.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "base/WString.h"
+
+class DLParameters;
+class DLUtils;
+class DownloadLocation;
+class IUpdateModule;
+class UM_Util;
+
+class DLZTTree {
+ public:
+  // LeafStatus results.
+  static constexpr int kDownloadFailed = -3;
+  static constexpr int kNonexistent = -2;
+  static constexpr int kEmpty = -1;
+  static constexpr int kInfoFilesOnly = 0;
+  static constexpr int kDownloading = 1;
+  static constexpr int kComplete = 2;
+  static constexpr int kLink = 4;
+  // LeafGetDownloadStatus results besides 1 and -3.
+  static constexpr int kLockFileGone = 3;
+  static constexpr int kDownloadDone = 5;
+
+  // Serves RemoveBinary alone.
+  explicit DLZTTree(IUpdateModule* module);
+  DLZTTree(IUpdateModule* module, DLParameters* params, DownloadLocation* location);
+  virtual ~DLZTTree();
+  DLZTTree(const DLZTTree&) = delete;
+  DLZTTree& operator=(const DLZTTree&) = delete;
+
+  static const char16_t* LeafStatusText(int status);
+
+  int LeafStatus(const WString& relPath);
+  // The lock protocol of the file "1": 1 another downloader holds its byte lock, 3 the file has
+  // gone, 5 it says "done" (and is removed), -3 anything else.
+  int LeafGetDownloadStatus(const WString& relPath);
+  // 0 full or four-field line, -3 short line (exeFileSize -1), -1 no usable line.
+  int LeafGetInfoFromVersionFile(const WString& relPath, int32_t& version, int64_t& exeFileSize);
+  // The version, or -1; with fullOnly only a full line counts.
+  int32_t LeafGetVersionFromVersionFile(const WString& relPath, int fullOnly);
+  // 0 with exeFile, 1 no file, 2 no line, 3 neither a full nor a four-field line.
+  int LeafGetExeFileNameFromVersionFile(const WString& relPath, WString& exeFile);
+  int LeafMakeBackup(const WString& relPath);
+  int LeafRestoreBackup(const WString& relPath);
+  int RemoveLeaf(const WString& relPath, int backup);
+  // Removes the files of a leaf that are no information files. 0, minus the failed deletes, or 1
+  // when the directory cannot be listed.
+  int RemoveBinary(const WString& root, const WString& relPath);
+  int CopyParLeaf(const WString& relPath);
+  int DownloadUncompressLeaf(const WString& relPath, int64_t exeFileSize, WString& exeFile);
+
+  const WString& Root() const { return m_root; }
+  void SetParTreeDir(const WString& dir) { m_parTreeDir = dir; }
+
+ private:
+  WString LeafDir(const WString& relPath) const;
+  bool Refused(const WString& relPath, const char16_t* operation) const;
+  int DnlFlags() const;
+  bool KeepFailedDownload() const;
+  void LogError(const WString& text);
+
+  WString m_root;
+  WString m_parTreeDir;
+  WString m_remoteServer;
+  WString m_remoteLocation;
+  WString m_tempDir;
+  int32_t versionAllExeFileSize = -1;
+  int32_t m_parFileSize = -1;
+  int32_t m_remoteVersion = -1;
+  IUpdateModule* m_module = nullptr;
+  std::unique_ptr<DLUtils> m_utils;
+  DLParameters* m_params = nullptr;
+  DownloadLocation* m_location = nullptr;
+  uint8_t m_forceReload = 0;
+  std::unique_ptr<UM_Util> m_log;
+};
