@@ -1,5 +1,6 @@
 #include "mirror/DLZTTree.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -20,6 +21,9 @@ namespace {
 
 const char16_t kCheckLog[] = u"UM_Checknew.log";
 const char16_t kLogHeading[] = u"UpdateDownload";
+
+// The name a leaf's directory has while it is being removed.
+const char16_t kTrashSuffix[] = u"~del";
 
 bool Exists(const WString& path) {
   return platform::FileExists(path) || platform::DirectoryExists(path);
@@ -220,11 +224,30 @@ int DLZTTree::RemoveLeaf(const WString& relPath, int backup) {
   const WString path = backup ? WFormat(u"%s/%s%s", m_root.c_str(), relPath.c_str(), u"_bk") : LeafDir(relPath);
   DLUtils fallback(m_module, m_params);
   DLUtils& utils = m_utils ? *m_utils : fallback;
-  if (utils.RemoveCompleteDirectory(path) != 0) {
+  // The directory leaves its place in one step before it is emptied: a removal cut off by a crash
+  // leaves a leftover under the trash name, never half a leaf that would read as another state.
+  const WString trash = LeafDir(relPath) + kTrashSuffix;
+  WString target = path;
+  if (platform::DirectoryExists(path) && utils.RemoveCompleteDirectory(trash) == 0 && platform::RenamePath(path, trash))
+    target = trash;
+  if (utils.RemoveCompleteDirectory(target) != 0) {
     TRACE(1, u"Removal of leaf '%s' %s failed.\n", relPath.c_str(), backup ? u"(backup)" : u"");
     return -1;
   }
   return 0;
+}
+
+void DLZTTree::RecoverInterruptedLeaf(const WString& relPath) {
+  if (Refused(relPath, u"RecoverInterruptedLeaf")) return;
+  const WString trash = LeafDir(relPath) + kTrashSuffix;
+  if (Exists(trash)) m_utils->RemoveCompleteDirectory(trash);
+  // Within a run every backup is resolved before the next leaf; one that is still there was left
+  // by a run that ended in the middle of this leaf, so the leaf beside it may be half-made.
+  const WString backup = WFormat(u"%s/%s%s", m_root.c_str(), relPath.c_str(), u"_bk");
+  if (!platform::DirectoryExists(backup)) return;
+  TRACE(1, u"DLZTTree::RecoverInterruptedLeaf()\t: leaf '%s' restored from the backup of an interrupted run\n",
+        relPath.c_str());
+  if (RemoveLeaf(relPath, 0) == 0) LeafRestoreBackup(relPath);
 }
 
 int DLZTTree::RemoveBinary(const WString& root, const WString& relPath) {
@@ -243,9 +266,30 @@ int DLZTTree::RemoveBinary(const WString& root, const WString& relPath) {
   return result;
 }
 
+// The marker "0" comes first and versionLeaf.txt last, each file whole under its name: a copy cut
+// off by a crash leaves a leaf without its version, which the next run copies again, and never
+// one that reads as complete or as up to date.
 int DLZTTree::CopyParLeaf(const WString& relPath) {
   if (Refused(relPath, u"CopyParLeaf")) return -1;
-  return m_utils->CopyCompleteDirectory(WFormat(u"%s/%s", m_parTreeDir.c_str(), relPath.c_str()), LeafDir(relPath));
+  const WString from = WFormat(u"%s/%s", m_parTreeDir.c_str(), relPath.c_str());
+  const WString to = LeafDir(relPath);
+  std::vector<platform::DirEntry> entries;
+  int status = 0;
+  if (!platform::ListDirectory(from, entries) || m_utils->CreateDirectoryTree(to, status) != 0) {
+    LogError(WFormat(u"Copying directory '%s' failed. ERROR!", from.c_str()));
+    return -1;
+  }
+  auto rank = [](const platform::DirEntry& e) { return e.name == u"0" ? 0 : e.name == u"versionLeaf.txt" ? 2 : 1; };
+  std::stable_sort(entries.begin(), entries.end(),
+                   [&](const platform::DirEntry& a, const platform::DirEntry& b) { return rank(a) < rank(b); });
+  for (const auto& entry : entries) {
+    const WString source = from + u"/" + entry.name;
+    const WString target = to + u"/" + entry.name;
+    int rc = entry.isDirectory ? m_utils->CopyCompleteDirectory(source, target)
+                               : m_utils->CopyFilePriv(source, target, DLUtils::kBinaryMode);
+    if (rc != 0) return -1;
+  }
+  return 0;
 }
 
 int DLZTTree::DownloadUncompressLeaf(const WString& relPathIn, int64_t exeFileSize, WString& exeFile) {

@@ -13,6 +13,7 @@ class DLUtils;
 class DownloadLocation;
 class IUpdateModule;
 class UM_Util;
+struct VersionLineInfo;
 
 class DLZTTree {
  public:
@@ -27,6 +28,10 @@ class DLZTTree {
   // LeafGetDownloadStatus results besides 1 and -3.
   static constexpr int kLockFileGone = 3;
   static constexpr int kDownloadDone = 5;
+
+  // UpdateTree results besides 0 and -1.
+  static constexpr int kNotNecessary = 99;  // UM_DNL_ACTION_NOTNECESSARY
+  static constexpr int kRemoteVersionUnknown = -10;
 
   // Serves RemoveBinary alone.
   explicit DLZTTree(IUpdateModule* module);
@@ -53,10 +58,37 @@ class DLZTTree {
   // Removes the files of a leaf that are no information files. 0, minus the failed deletes, or 1
   // when the directory cannot be listed.
   int RemoveBinary(const WString& root, const WString& relPath);
+  // Copies the leaf's information files from the unpacked information tree. 0 or -1.
   int CopyParLeaf(const WString& relPath);
+  // Clears what a run that ended in the middle of this leaf left: a removal's leftover, and a
+  // backup that takes the place of the half-made leaf again.
+  void RecoverInterruptedLeaf(const WString& relPath);
   int DownloadUncompressLeaf(const WString& relPath, int64_t exeFileSize, WString& exeFile);
 
+  // Brings the repository from its version to the server's: the information files of every leaf,
+  // the packages of leaves that hold one and are out of date, versionTree.txt last. 0, 99 when
+  // the repository is up to date, -1 when a step failed, -10 when the server's version is unknown.
+  int UpdateTree();
+  // Fetches the server's versionTree.txt (two tries) and compares it with the repository's.
+  // secondLook 1 fetches it under another name and removes it afterwards. 0 or -1.
+  int IsTreeOutOfDate(int& treeOutOfDate, int secondLook);
+  // Fetches and unpacks the information files of all leaves into the temp area. 0 or -1.
+  int GetParTree();
+  // The commit of a run: versionTree.txt into the root. 0 or -1.
+  int CopyVersionTreeFile();
+  // The commit of a run that keeps the archives too: the sum of the four copy results.
+  int CopyAllAdminTreeFiles();
+  // Removes the leaves that the server's backtrack.txt names. 0, -1 without a readable file, -2
+  // when the removal of the last named leaf failed.
+  int RemoveInvalidLeaves();
+  // The connection test: fetches versionTree.txt once. The transfer tool's exit code, or -1.
+  int DownloadCheck(DLParameters& params);
+  // True when a file can be created in the repository's root.
+  bool checkFileAccess();
+
   const WString& Root() const { return m_root; }
+  int32_t RemoteVersion() const { return m_remoteVersion; }
+  void ClearForceReload() { m_forceReload = 0; }
   void SetParTreeDir(const WString& dir) { m_parTreeDir = dir; }
 
  private:
@@ -65,6 +97,11 @@ class DLZTTree {
   int DnlFlags() const;
   bool KeepFailedDownload() const;
   void LogError(const WString& text);
+  void LogText(const WString& text);
+  // One step of the leaf loop for a line that is not withdrawn; false ends the loop.
+  void UpdateLeaf(const VersionLineInfo& line, int status, int& retAll);
+  void ReplaceCompleteLeaf(const VersionLineInfo& line, int& retAll);
+  int WithdrawLeaf(const VersionLineInfo& line, int status);
 
   WString m_root;
   WString m_parTreeDir;

@@ -1,10 +1,14 @@
 // The exported entry points and the load and unload of the module file.
 #include "module/ModuleExports.h"
 
+#include <memory>
+
 #include "base/WFormat.h"
+#include "config/UM_Config.h"
 #include "foundation/CDebug.h"
 #include "foundation/CFile.h"
 #include "foundation/RootPaths.h"
+#include "mirror/UM_Download.h"
 #include "module/CUpdateExtensionModule.h"
 #include "platform/Clock.h"
 #include "platform/FileIo.h"
@@ -145,22 +149,59 @@ EM_EXPORT int EM_SetupAction(int action, ...) {
   return result;
 }
 
-// The repository functions for outside programs. The repository mirror is not part of this build:
-// each checks its arguments as designed and reports failure (-1).
-EM_EXPORT int updateTree(const WebParamRecord* /*record*/, const char16_t* /*localRepository*/,
-                         const char16_t* /*logFile*/, int /*dnlFlags*/) {
-  return -1;
+// The repository functions for outside programs. Each runs one mirror operation with no module
+// object: the working location is the caller's current directory, the check log goes to the
+// installation's work directory, and there is no shutdown to watch.
+namespace {
+
+// A string field of the record: up to its first NUL, at most the field's width.
+WString RecordText(const char16_t (&field)[260]) {
+  size_t n = 0;
+  while (n < 260 && field[n] != 0) ++n;
+  return WString(field, n);
 }
 
-EM_EXPORT int download(const WebParamRecord* /*record*/, const char16_t* /*localRepository*/,
-                       const char16_t* /*componentPath*/, const char16_t* /*logFile*/, int /*dnlFlags*/) {
-  return -1;
+std::unique_ptr<webParam> FromRecord(const WebParamRecord& record) {
+  auto params = std::make_unique<webParam>();
+  params->proxyMode = record.proxyMode;
+  params->server = RecordText(record.server);
+  params->path = RecordText(record.path);
+  params->protocol = record.protocol;
+  params->port = static_cast<uint32_t>(record.proxyPort);
+  params->proxyServer = RecordText(record.proxyServer);
+  params->proxyUser = RecordText(record.proxyUser);
+  params->proxyPasswd = RecordText(record.proxyPassword);
+  return params;
 }
 
-EM_EXPORT int checkWebConnection(const WebParamRecord* /*record*/) {
-  return -1;
+}  // namespace
+
+EM_EXPORT int updateTree(const WebParamRecord* record, const char16_t* localRepository, const char16_t* logFile,
+                         int dnlFlags) {
+  if (!record || !localRepository) return -1;
+  std::unique_ptr<webParam> params = FromRecord(*record);
+  UM_Download mirror;
+  return mirror.updateTree(params.get(), localRepository, logFile ? WString(logFile) : WString(), dnlFlags);
 }
 
-EM_EXPORT int deleteBinary(const char16_t* /*localRepository*/, const char16_t* /*componentPath*/) {
-  return -1;
+EM_EXPORT int download(const WebParamRecord* record, const char16_t* localRepository, const char16_t* componentPath,
+                       const char16_t* logFile, int dnlFlags) {
+  if (!record || !localRepository || !componentPath) return -1;
+  std::unique_ptr<webParam> params = FromRecord(*record);
+  UM_Download mirror;
+  return mirror.download(params.get(), localRepository, componentPath, logFile ? WString(logFile) : WString(),
+                         dnlFlags);
+}
+
+EM_EXPORT int checkWebConnection(const WebParamRecord* record) {
+  if (!record) return -1;
+  std::unique_ptr<webParam> params = FromRecord(*record);
+  UM_Download mirror;
+  return mirror.checkWebConnection(params.get());
+}
+
+EM_EXPORT int deleteBinary(const char16_t* localRepository, const char16_t* componentPath) {
+  if (!localRepository || !componentPath) return -1;
+  UM_Download mirror;
+  return mirror.deleteBinary(localRepository, componentPath);
 }

@@ -8,6 +8,7 @@
 namespace platform {
 
 WString ComputerName();
+uint32_t CurrentProcessId();
 // The processor architecture of the machine with the system's codes: 0 x86, 6 IA64, 9 x64,
 // 12 ARM64. False when the native query is missing.
 bool NativeProcessorArchitecture(uint16_t& architecture);

@@ -16,6 +16,10 @@
 
 namespace platform {
 
+uint32_t CurrentProcessId() {
+  return static_cast<uint32_t>(::getpid());
+}
+
 WString ComputerName() {
   char name[256] = {0};
   if (::gethostname(name, sizeof name - 1) != 0) return WString();

@@ -10,6 +10,10 @@
 
 namespace platform {
 
+uint32_t CurrentProcessId() {
+  return GetCurrentProcessId();
+}
+
 WString ComputerName() {
   wchar_t buf[MAX_COMPUTERNAME_LENGTH + 1];
   DWORD n = MAX_COMPUTERNAME_LENGTH + 1;
