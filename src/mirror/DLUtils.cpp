@@ -156,6 +156,27 @@ int DLUtils::RunCommand(const WString& application, const WString& cmd, const WS
   return static_cast<int>(exitCode);
 }
 
+// A transfer tool that was killed (a crash of the agent, the end of the 180 s) leaves its
+// "<local>.part<pid>" beside the target. The next transfer of the same file clears them, so a
+// package fetched into the repository's root leaves nothing behind after a crash.
+void DLUtils::RemoveCutOffTransfers(const WString& localFile) {
+  WString path = localFile;
+  ToForwardSlashes(path);
+  const size_t slash = path.rfind(u'/');
+  const WString dir = slash == WString::npos ? WString(u".") : path.substr(0, slash);
+  const WString prefix = (slash == WString::npos ? path : path.substr(slash + 1)) + u".part";
+  std::vector<platform::DirEntry> entries;
+  if (!platform::ListDirectory(dir, entries)) return;
+  for (const auto& entry : entries) {
+    if (entry.isDirectory || entry.name.size() <= prefix.size() || entry.name.compare(0, prefix.size(), prefix) != 0)
+      continue;
+    const WString digits = entry.name.substr(prefix.size());
+    if (digits.find_first_not_of(u"0123456789") != WString::npos) continue;
+    TRACE(2, u"DLUtils::Download()\t: removing '%s' of a cut-off transfer\n", entry.name.c_str());
+    platform::RemoveFilePath(dir + u"/" + entry.name);
+  }
+}
+
 int DLUtils::Download(const WString& remoteServer, const WString& remoteFile, const WString& localFile, int logMode) {
   // The tool runs with the working location as its own directory; the process's current
   // directory is never changed, since other threads work beside this one.
@@ -164,6 +185,7 @@ int DLUtils::Download(const WString& remoteServer, const WString& remoteFile, co
     TRACE(1, u"DLUtils::Download()\t: >>>ERROR: working location '%s' not accessible\n", workDir.c_str());
     return -1;
   }
+  RemoveCutOffTransfers(localFile);
   WString outFile = WFormat(u"%s/download_%lu.txt", m_tempDir.c_str(), static_cast<unsigned long>(m_uniqueId));
   WString errFile = WFormat(u"%s/downloaderr_%lu.txt", m_tempDir.c_str(), static_cast<unsigned long>(m_uniqueId));
   platform::RemoveFilePath(outFile);

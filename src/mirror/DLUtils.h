@@ -90,6 +90,7 @@ class DLUtils {
   struct OutputFiles {
     WString out, err;
   };
+  static void RemoveCutOffTransfers(const WString& localFile);
   WString ServerTag() const;
   OutputFiles MakeOutputFiles(const char16_t* step) const;
   static void RemoveOutputFiles(const OutputFiles& files);
