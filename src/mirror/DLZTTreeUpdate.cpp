@@ -2,8 +2,6 @@
 // travel for most leaves; packages come over for leaves that hold one and are out of date. The
 // copy of versionTree.txt into the root is the run's commit and comes last, so a run that fails
 // anywhere leaves the old version behind and the next run goes over every line again.
-#include <vector>
-
 #include "base/WFormat.h"
 #include "foundation/CDebug.h"
 #include "foundation/TextLineReader.h"
@@ -115,23 +113,14 @@ int DLZTTree::RemoveInvalidLeaves() {
   WString line;
   while (reader.ReadLine(line, versionline::kVersionLineChars)) {
     if (!line.empty() && line[0] == u'#') continue;
-    std::vector<WString> tokens;
-    size_t pos = 0;
-    while (pos < line.size() && tokens.size() < 2) {
-      size_t start = line.find_first_not_of(u"\t\r\n", pos);
-      if (start == WString::npos) break;
-      size_t end = line.find_first_of(u"\t\r\n", start);
-      if (end == WString::npos) end = line.size();
-      tokens.push_back(line.substr(start, end - start));
-      pos = end;
-    }
-    if (tokens.size() < 2) {
+    WString rel, os;
+    if (!treefiles::ParseBacktrackLine(line, rel, os)) {
       TRACE(1, u"DLZTTree::RemoveInvalidLeaves()\t: incomplete line skipped: %s\n", line.c_str());
       continue;
     }
-    DLUtils::ToForwardSlashes(tokens[0]);
-    TRACE(2, u"DLZTTree::RemoveInvalidLeaves()\t: removing leaf %s (%s)\n", tokens[0].c_str(), tokens[1].c_str());
-    result = RemoveLeaf(tokens[0], 0) == 0 ? 0 : -2;
+    DLUtils::ToForwardSlashes(rel);
+    TRACE(2, u"DLZTTree::RemoveInvalidLeaves()\t: removing leaf %s (%s)\n", rel.c_str(), os.c_str());
+    result = RemoveLeaf(rel, 0) == 0 ? 0 : -2;
   }
   return result;
 }

@@ -9,7 +9,9 @@ bool IsSafe(const WString& relPath) {
   for (;;) {
     size_t end = relPath.find_first_of(u"/\\", start);
     WString element = relPath.substr(start, end == WString::npos ? WString::npos : end - start);
-    if (element == u".." || element == u".") return false;
+    // Windows drops the dots and blanks at the end of a name, so ".. " or "..." would reach the
+    // parent there: no element may end in either, on any system.
+    if (!element.empty() && (element.back() == u'.' || element.back() == u' ')) return false;
     if (end == WString::npos) return true;
     start = end + 1;
   }

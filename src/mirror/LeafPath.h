@@ -6,8 +6,9 @@
 
 namespace leafpath {
 
-// True for a relative path of one or more elements separated by "/" or "\", none of them "." or
-// "..", with no drive, no leading separator and no NUL: a path that stays below the root.
+// True for a relative path of one or more elements separated by "/" or "\", none of them ending in
+// a dot or a blank (so never "." or ".."), with no drive, no leading separator and no NUL: a path
+// that stays below the root on every system.
 bool IsSafe(const WString& relPath);
 
 }  // namespace leafpath

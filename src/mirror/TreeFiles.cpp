@@ -47,4 +47,19 @@ int GetSpecialFileSizes(const WString& file, int32_t treeVersion, SpecialFileSiz
   return 0;
 }
 
+bool ParseBacktrackLine(const WString& line, WString& leafRelPath, WString& osString) {
+  if (!line.empty() && line[0] == u'#') return false;
+  WString* tokens[2] = {&leafRelPath, &osString};
+  size_t pos = 0;
+  for (WString* token : tokens) {
+    size_t start = line.find_first_not_of(u"\t\r\n", pos);
+    if (start == WString::npos) return false;
+    size_t end = line.find_first_of(u"\t\r\n", start);
+    if (end == WString::npos) end = line.size();
+    *token = line.substr(start, end - start);
+    pos = end;
+  }
+  return true;
+}
+
 }  // namespace treefiles

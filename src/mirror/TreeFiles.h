@@ -22,4 +22,8 @@ int32_t GetTreeVersion(const WString& file);
 // differs from its twin, or "# Check_Version" is not `treeVersion`.
 int GetSpecialFileSizes(const WString& file, int32_t treeVersion, SpecialFileSizes& sizes);
 
+// A line of backtrack.txt: the leaf's path and the operating system it applies to, separated by
+// TABs, CRs or LFs. False for a comment line or a line with fewer than two tokens.
+bool ParseBacktrackLine(const WString& line, WString& leafRelPath, WString& osString);
+
 }  // namespace treefiles

@@ -8,6 +8,7 @@
 #include "foundation/TextLineReader.h"
 #include "foundation/VersionLine.h"
 #include "mirror/DLUtils.h"
+#include "mirror/LeafPath.h"
 #include "mirror/TreeFiles.h"
 #include "platform/FileIo.h"
 
@@ -20,6 +21,23 @@ WString FuzzFile() {
     return dir + u"/input.txt";
   }();
   return path;
+}
+
+// A path the leaf operations accept must stay below the root on every system: no element that
+// is, or that Windows would shorten to, "." or "..", no drive, no root.
+void CheckLeafPath(const WString& rel) {
+  if (!leafpath::IsSafe(rel)) return;
+  if (rel[0] == u'/' || rel[0] == u'\\' || rel.find(u':') != WString::npos) std::abort();
+  size_t start = 0;
+  for (;;) {
+    size_t end = rel.find_first_of(u"/\\", start);
+    const WString element = rel.substr(start, end == WString::npos ? WString::npos : end - start);
+    WString shortened = element;
+    while (!shortened.empty() && (shortened.back() == u'.' || shortened.back() == u' ')) shortened.pop_back();
+    if (!element.empty() && shortened.empty()) std::abort();
+    if (end == WString::npos) break;
+    start = end + 1;
+  }
 }
 
 void CheckLine(const WString& line) {
@@ -38,6 +56,12 @@ void CheckLine(const WString& line) {
     if (info.leafExeFile.empty() || info.leafExeFile[0] == u' ' || info.leafExeFileSize < 0) std::abort();
   }
   if (rc == 0 && info.leafType != u'F' && info.leafType != u'C' && info.leafType != u'L') std::abort();
+  if (rc == 0 || rc == -3 || rc == -4) CheckLeafPath(info.leafRelPath);
+  WString rel, os;
+  if (treefiles::ParseBacktrackLine(line, rel, os)) {
+    if (rel.empty() || os.empty() || rel.find_first_of(u"\t\r\n") != WString::npos || line[0] == u'#') std::abort();
+    CheckLeafPath(rel);
+  }
 }
 
 }  // namespace

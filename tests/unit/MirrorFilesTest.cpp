@@ -258,3 +258,20 @@ TEST_F(MirrorFilesTest, CopiesAndTheirTraceInTheCheckLog) {
   EXPECT_EQ(utils.CopyFileToServerLog(root + u"/none", u"caption"), 1);
   EXPECT_EQ(utils.RemoveCompleteDirectory(root + u"/does/not/exist"), 0);
 }
+
+TEST(BacktrackLineTest, PathAndSystemOrNothing) {
+  WString rel, os;
+  ASSERT_TRUE(treefiles::ParseBacktrackLine(u"BIOS/D3348/A1\tany\r\n", rel, os));
+  EXPECT_EQ(rel, u"BIOS/D3348/A1");
+  EXPECT_EQ(os, u"any");
+  // Runs of delimiters count as one, before and between the tokens; a third token is ignored.
+  ASSERT_TRUE(treefiles::ParseBacktrackLine(u"\t\tA\t\t\twindows\tx\n", rel, os));
+  EXPECT_EQ(rel, u"A");
+  EXPECT_EQ(os, u"windows");
+  // A blank inside a token belongs to it.
+  ASSERT_TRUE(treefiles::ParseBacktrackLine(u"My Leaf\tany os", rel, os));
+  EXPECT_EQ(rel, u"My Leaf");
+  EXPECT_EQ(os, u"any os");
+  for (const char16_t* bad : {u"# A\tany", u"A\r\n", u"A", u"", u"\t\r\n", u"A\t\r\n"})
+    EXPECT_FALSE(treefiles::ParseBacktrackLine(bad, rel, os)) << WToUtf8(bad);
+}
