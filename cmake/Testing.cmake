@@ -19,6 +19,18 @@ endif()
 add_executable(em_test_child tests/support/TestChild.cpp)
 target_link_libraries(em_test_child PRIVATE em_platform)
 
+# An outside program of the repository functions, written in C: it fills the settings record by
+# byte offset, as such programs do, and so holds the record's layout to the module file's.
+add_executable(em_exports_client tests/support/exports_client.c)
+set_target_properties(em_exports_client PROPERTIES C_STANDARD 11 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
+if(WIN32)
+  # wmain: the arguments as UTF-16, whatever the ANSI code page.
+  target_compile_options(em_exports_client PRIVATE -municode)
+  target_link_options(em_exports_client PRIVATE -municode)
+else()
+  target_link_libraries(em_exports_client PRIVATE ${CMAKE_DL_LIBS})
+endif()
+
 # The test servers (nginx over http and https, tinyproxy with and without authentication, the
 # fault server), started once before the tests that need them and stopped after them. Their
 # ports and credentials are in servers.env of the state directory.
@@ -29,13 +41,14 @@ add_test(NAME servers_down COMMAND python3 ${CMAKE_SOURCE_DIR}/tests/support/ser
 set_tests_properties(servers_down PROPERTIES FIXTURES_CLEANUP servers)
 
 # What tests that meet the real pieces get: the servers, the transfer tool, the archive stub, the
-# tree builder and the test child.
+# tree builder, the test child and the C client of the repository functions.
 set(EM_TOOL_ENV
   "EM_TEST_SERVERS=${EM_SERVERS_STATE}/servers.env"
   "EM_FILEDOWNLOAD=$<TARGET_FILE:FileDownLoad>"
   "EM_REPOTOOL=$<TARGET_FILE:repotool>"
   "EM_SFX_STUB=${EM_SFX_STUB}"
-  "EM_TEST_CHILD=$<TARGET_FILE:em_test_child>")
+  "EM_TEST_CHILD=$<TARGET_FILE:em_test_child>"
+  "EM_EXPORTS_CLIENT=$<TARGET_FILE:em_exports_client>")
 
 # Unit tests: the module's code linked in statically, one program for all subsystems.
 file(GLOB EM_UNIT_SOURCES CONFIGURE_DEPENDS tests/unit/*.cpp)

@@ -10,3 +10,6 @@ int NwhostXmlVerb(int argc, char** argv);
 int NwhostConfigVerb(int argc, char** argv);
 // nwhost demo [--module PATH]
 int NwhostDemoVerb(int argc, char** argv);
+// nwhost mirror [--module PATH] [--registry FILE] [options] update | download LEAF |
+//               delete-binary LEAF | check-connection
+int NwhostMirrorVerb(int argc, char** argv);

@@ -23,6 +23,10 @@ int Usage() {
                "  nwhost config [--module PATH] [--cabinet N] [--registry FILE] [--reveal]\n"
                "               list | get NAME | set NAME VALUE\n"
                "                                   the update settings, through the configuration requests\n"
+               "  nwhost mirror [--module PATH] [--registry FILE] [options]\n"
+               "               update | download LEAF | delete-binary LEAF | check-connection\n"
+               "                                   one call of the repository functions of the module file\n"
+               "                                   (nwhost mirror --help lists the options)\n"
                "  nwhost xml FILE                  read an XML file as the module reads it\n");
   return 2;
 }
@@ -47,5 +51,6 @@ int main(int argc, char** rawArgv) {
   if (std::strcmp(argv[1], "xml") == 0) return NwhostXmlVerb(argc - 1, argv + 1);
   if (std::strcmp(argv[1], "config") == 0) return NwhostConfigVerb(argc - 1, argv + 1);
   if (std::strcmp(argv[1], "demo") == 0) return NwhostDemoVerb(argc - 1, argv + 1);
+  if (std::strcmp(argv[1], "mirror") == 0) return NwhostMirrorVerb(argc - 1, argv + 1);
   return Usage();
 }
