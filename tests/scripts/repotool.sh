@@ -229,6 +229,52 @@ unzip -tq "b-corrupt-package/$nic/$nicexe" >/dev/null 2>&1 && fail "corrupt-pack
 broken missing-package --leaf $nic
 [ -e "b-missing-package/$nic/$nicexe" ] && fail "missing-package: package still there"
 cmp -s good/versionTree.txt b-missing-package/versionTree.txt || fail "missing-package changed versionTree.txt"
+# valid_zip TREE — versionAll.exe still an archive the stub's client and unzip read whole
+valid_zip() { unzip -tq "$1/versionAll.exe" >/dev/null || fail "$1: unzip finds fault with versionAll.exe"; }
+broken comment-only
+valid_zip b-comment-only
+[ "$(unzip -p b-comment-only/versionAll.exe versionAll.txt | grep -vc '^#')" -eq 0 ] || fail "comment-only: a leaf line left"
+[ "$(unzip -p b-comment-only/versionAll.exe versionAll.txt)" = "$(unzip -p good/versionAll.exe versionAll.txt | sed 's/^\([^#]\)/#\1/')" ] ||
+  fail "comment-only: not every leaf line as a comment: $(unzip -p b-comment-only/versionAll.exe versionAll.txt | head -3)"
+cmp -s good/ZT_par_tree.exe b-comment-only/ZT_par_tree.exe && cmp -s "good/$a1/$a1exe" "b-comment-only/$a1/$a1exe" ||
+  fail "comment-only changed the information files or a package"
+tree_numbers b-comment-only 8
+# hostile_lines TREE — versionAll.txt's lines that are no comment and no leaf of the good tree
+hostile_lines() { diff <(unzip -p good/versionAll.exe versionAll.txt | tr -d '\r') <(unzip -p "$1/versionAll.exe" versionAll.txt | tr -d '\r') | sed -n 's/^> //p'; }
+broken hostile-lines
+valid_zip b-hostile-lines
+[ "$(hostile_lines b-hostile-lines | cut -f1)" = $'../escape/leaf\n/abs/leaf\nC:/drive/leaf\na/../../x\n..\\back\\leaf\n.../dots/leaf\n.. /blank/leaf' ] ||
+  fail "hostile-lines: not the default paths: $(hostile_lines b-hostile-lines)"
+[ "$(hostile_lines b-hostile-lines | cut -f2- | sort -u)" = $'1\thostile.exe\t1000\tF\t-\t0\t0' ] || fail "hostile-lines: fields"
+# In front of every leaf line, behind the comment; the leaf lines themselves unchanged.
+unzip -p b-hostile-lines/versionAll.exe versionAll.txt | tr -d '\r' | sed -n 2p | grep -q '^\.\./escape/leaf' ||
+  fail "hostile-lines: the first line behind the comment is no hostile one"
+[ "$(unzip -p b-hostile-lines/versionAll.exe versionAll.txt | grep -c "^$a1"$'\t')" -eq 1 ] || fail "hostile-lines lost a leaf line"
+cmp -s good/ZT_par_tree.exe b-hostile-lines/ZT_par_tree.exe || fail "hostile-lines changed ZT_par_tree.exe"
+tree_numbers b-hostile-lines 8
+# Given paths and a withdrawn version, on top of a tree broken before (its lines are not parsed).
+rt break --out b-hostile-lines --what hostile-lines --leaf "$work/outside dir" --leaf 'x/..' --version -1 >/dev/null ||
+  fail "hostile-lines over a broken tree failed"
+[ "$(hostile_lines b-hostile-lines | head -2)" = "$work/outside dir"$'\t-1\thostile.exe\t1000\tF\t-\t0\t0\nx/..\t-1\thostile.exe\t1000\tF\t-\t0\t0' ] ||
+  fail "hostile-lines --leaf --version: $(hostile_lines b-hostile-lines)"
+expect_count "$(hostile_lines b-hostile-lines)" 9
+tree_numbers b-hostile-lines 9
+broken hostile-backtrack --os 'Windows Server 2019'
+[ "$(tr -d '\r' <b-hostile-backtrack/backtrack.txt)" = \
+  $'# leafRelPath\tosString\n../victim\tWindows Server 2019\n/abs/victim\tWindows Server 2019\nC:/drive/victim\tWindows Server 2019\na/../../victim\tWindows Server 2019\n..\\victim\tWindows Server 2019\n.../victim\tWindows Server 2019' ] ||
+  fail "hostile-backtrack: $(cat -A b-hostile-backtrack/backtrack.txt)"
+cmp -s good/versionAll.exe b-hostile-backtrack/versionAll.exe || fail "hostile-backtrack changed versionAll.exe"
+tree_numbers b-hostile-backtrack 8
+rt break --out b-hostile-backtrack --what hostile-backtrack --leaf "$work" >/dev/null || fail "hostile-backtrack --leaf failed"
+[ "$(tail -n1 b-hostile-backtrack/backtrack.txt)" = "$work"$'\tany\r' ] || fail "hostile-backtrack --leaf: $(tail -n1 b-hostile-backtrack/backtrack.txt)"
+tree_numbers b-hostile-backtrack 9
+# Options of one variant are refused by the others, a path that would break its line too; nothing changes.
+cp good/versionTree.txt before.txt
+rt break --out good --what wrong-size --version 3 2>/dev/null && fail "wrong-size accepted --version"
+rt break --out good --what hostile-lines --os any 2>/dev/null && fail "hostile-lines accepted --os"
+rt break --out good --what hostile-lines --leaf $'a\tb' 2>/dev/null && fail "hostile-lines accepted a TAB in a path"
+rt break --out good --what hostile-lines --version 1x 2>/dev/null && fail "hostile-lines accepted --version 1x"
+cmp -s before.txt good/versionTree.txt || fail "a refused break changed the tree"
 
 # --- the stub, under Wine ----------------------------------------------------------------------
 if [ -z "$WINE" ]; then

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "repotool/Files.h"
 #include "repotool/LeavesFolder.h"
@@ -56,6 +57,46 @@ std::string NextDottedVersion(const std::string& version) {
 void Commit(ServerTree& tree) {
   tree.SetTreeVersion(tree.TreeVersion() + 1);
   tree.WriteIndex();
+}
+
+// Leaf paths a hostile server might send, each one leading out of the client's repository: by
+// "..", from the file system's root, on a drive, with Windows separators, by an element that
+// Windows shortens to ".." (it drops the dots and blanks at a name's end).
+const std::vector<std::string> kHostileLeafPaths = {"../escape/leaf", "/abs/leaf",     "C:/drive/leaf", "a/../../x",
+                                                    "..\\back\\leaf", ".../dots/leaf", ".. /blank/leaf"};
+const std::vector<std::string> kHostileBacktrackPaths = {"../victim",      "/abs/victim", "C:/drive/victim",
+                                                         "a/../../victim", "..\\victim",  ".../victim"};
+
+// The paths given with --leaf, taken as they are (only what would break the line is refused), or
+// the default set.
+std::vector<std::string> HostilePaths(const Options& o, const std::vector<std::string>& defaults) {
+  std::vector<std::string> paths = o.All("leaf");
+  if (paths.empty()) return defaults;
+  for (const std::string& path : paths) treetext::CheckFieldText("--leaf", path, false);
+  return paths;
+}
+
+// Where the first line that is no comment starts (the text's end when there is none); a last
+// comment line without its line end gets one.
+size_t AfterLeadingComments(std::string& text) {
+  size_t pos = 0;
+  while (pos < text.size() && text[pos] == '#') {
+    size_t end = text.find('\n', pos);
+    if (end == std::string::npos) {
+      text += "\r\n";
+      return text.size();
+    }
+    pos = end + 1;
+  }
+  return pos;
+}
+
+// versionAll.exe with the given text and versionTree.txt with its size and the next tree version.
+void CommitVersionAll(ServerTree& tree, const std::string& text) {
+  tree.LoadTreeVersion();
+  tree.WriteVersionAll(text);
+  tree.SetTreeVersion(tree.TreeVersion() + 1);
+  tree.WriteVersionTree(tree.CurrentNumbers());
 }
 
 void Done(const std::string& what) {
@@ -198,9 +239,12 @@ int Stop(const Options& o) {
 }
 
 int Break(const Options& o) {
-  o.Allow({"out", "what", "leaf"});
+  o.Allow({"out", "what", "leaf", "version", "os"});
   std::string what = o.Require("what");
-  ServerTree tree(PathOption(o, "out"));
+  if (o.Has("version") && what != "hostile-lines") throw std::runtime_error("--version is for hostile-lines only");
+  if (o.Has("os") && what != "hostile-backtrack") throw std::runtime_error("--os is for hostile-backtrack only");
+  fs::path out = PathOption(o, "out");
+  ServerTree tree(out);
   if (what == "wrong-size" || what == "bad-twin") {
     tree.LoadTreeVersion();
     treetext::VersionTreeNumbers n = tree.CurrentNumbers();
@@ -246,10 +290,37 @@ int Break(const Options& o) {
     } else {
       fs::remove(package);
     }
+  } else if (what == "comment-only") {
+    // Every leaf line becomes a comment: a tree version to take over, and no leaf to look at.
+    std::string text;
+    for (const std::string& line : treetext::SplitLines(tree.LoadVersionAllText()))
+      text += (line.empty() || line[0] == '#' ? "" : "#") + line + "\r\n";
+    CommitVersionAll(tree, text);
+  } else if (what == "hostile-lines") {
+    // In front of every leaf line, so that the client meets them before the leaves it should
+    // still bring up to date. Read as raw text: a tree broken before may be broken again.
+    long long version = o.Number("version", 1, -1, INT32_MAX);
+    std::string text = tree.LoadVersionAllText();
+    std::string lines;
+    for (const std::string& path : HostilePaths(o, kHostileLeafPaths))
+      lines += path + "\t" + std::to_string(version) + "\thostile.exe\t1000\tF\t-\t0\t0\r\n";
+    text.insert(AfterLeadingComments(text), lines);
+    CommitVersionAll(tree, text);
+  } else if (what == "hostile-backtrack") {
+    std::string os = o.Get("os", "any");
+    treetext::CheckFieldText("--os", os, false);
+    tree.LoadTreeVersion();
+    std::string text =
+        fs::exists(out / "backtrack.txt") ? files::Read(out / "backtrack.txt") : "# leafRelPath\tosString\r\n";
+    if (!text.empty() && text.back() != '\n') text += "\r\n";
+    for (const std::string& path : HostilePaths(o, kHostileBacktrackPaths)) text += path + "\t" + os + "\r\n";
+    files::WriteAtomic(out / "backtrack.txt", text);
+    tree.SetTreeVersion(tree.TreeVersion() + 1);
+    tree.WriteVersionTree(tree.CurrentNumbers());
   } else {
     throw std::runtime_error(
         "--what must be wrong-size, bad-twin, corrupt-line, short-version-leaf, short-package, "
-        "corrupt-package or missing-package");
+        "corrupt-package, missing-package, comment-only, hostile-lines or hostile-backtrack");
   }
   Done("tree broken: " + what);
   return 0;

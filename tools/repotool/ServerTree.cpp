@@ -26,6 +26,14 @@ void ServerTree::LoadTreeVersion() {
   m_treeVersion = treetext::ParseTreeVersion(files::Read(m_dir / "versionTree.txt"));
 }
 
+std::string ServerTree::LoadVersionAllText() {
+  ZipReader versionAll(files::Read(m_dir / "versionAll.exe"), "versionAll.exe");
+  const ZipReader::Entry* list = versionAll.Find("versionAll.txt");
+  if (!list) throw std::runtime_error("versionAll.exe holds no versionAll.txt");
+  m_stub = versionAll.Prefix();
+  return versionAll.Read(*list);
+}
+
 void ServerTree::Load() {
   LoadTreeVersion();
   ZipReader versionAll(files::Read(m_dir / "versionAll.exe"), "versionAll.exe");

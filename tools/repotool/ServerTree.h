@@ -24,6 +24,9 @@ class ServerTree {
   void Load();
   // Reads only versionTree.txt's tree version (enough for commands that leave the leaves alone).
   void LoadTreeVersion();
+  // versionAll.txt as the server holds it, read without parsing its lines (a tree broken on
+  // purpose may hold lines no leaf could have); takes the stub from versionAll.exe too.
+  std::string LoadVersionAllText();
 
   std::vector<Leaf>& Leaves() { return m_leaves; }
   // Throws when the tree has no such leaf.

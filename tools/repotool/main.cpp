@@ -22,7 +22,9 @@ int Usage() {
       "  repotool backtrack --out SERVERDIR --leaf REL [--leaf REL...] [--os TEXT]\n"
       "  repotool stop      --out SERVERDIR on|off\n"
       "  repotool break     --out SERVERDIR --what wrong-size|bad-twin|corrupt-line|short-version-leaf|\n"
-      "                     short-package|corrupt-package|missing-package [--leaf REL]\n"
+      "                     short-package|corrupt-package|missing-package|comment-only [--leaf REL]\n"
+      "  repotool break     --out SERVERDIR --what hostile-lines [--leaf PATH...] [--version V]\n"
+      "  repotool break     --out SERVERDIR --what hostile-backtrack [--leaf PATH...] [--os TEXT]\n"
       "  repotool evil      --out FILE --stub sfx.exe --entry NAME|symlink:TARGET [--name NAME]\n");
   return 2;
 }
