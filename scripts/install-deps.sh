@@ -10,7 +10,7 @@ packages=(
   g++-mingw-w64-x86-64 wine wine64
   zip unzip libxml2-utils xsltproc w3c-sgml-lib
   clang-format clang libclang-rt-14-dev shellcheck python3 libgnutls30
-  rsyslog nginx-light tinyproxy libz-mingw-w64-dev zlib1g-dev openssl curl
+  rsyslog nginx-light tinyproxy libz-mingw-w64-dev zlib1g-dev openssl curl time
 )
 
 missing=()
