@@ -98,9 +98,11 @@ class DLZTTree {
   bool KeepFailedDownload() const;
   void LogError(const WString& text);
   void LogText(const WString& text);
-  // One step of the leaf loop for a line that is not withdrawn; false ends the loop.
+  // The leaf loop's work for a line the server has not withdrawn, by the leaf's state; a fatal
+  // failure sets retAll to -1, which ends the loop.
   void UpdateLeaf(const VersionLineInfo& line, int status, int& retAll);
   void ReplaceCompleteLeaf(const VersionLineInfo& line, int& retAll);
+  // 0, or -1 when a leaf of information files alone could not be removed.
   int WithdrawLeaf(const VersionLineInfo& line, int status);
 
   WString m_root;

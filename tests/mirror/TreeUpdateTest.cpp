@@ -9,6 +9,7 @@
 #include "mirror/DLZTTree.h"
 #include "platform/Process.h"
 #include "tests/mirror/ServedTree.h"
+#include "tests/support/LockHolder.h"
 
 namespace {
 
@@ -272,26 +273,17 @@ TEST_F(TreeUpdateTest, ALeafAnotherProcessDownloadsIsLeftAlone) {
   const WString leaf = FirstLeaf(u'F').leafRelPath;
   MakeComplete(leaf);
   Put(Repo(leaf + u"/1"), "");
-  platform::ProcessOptions options;
-  options.commandLine = u"\"" + child + u"\" lock \"" + Repo(leaf + u"/1") + u"\" hang";
-  options.stdoutFile = root + u"/child.txt";
   platform::ChildProcess holder;
-  ASSERT_TRUE(holder.Start(options));
-  std::string said;
-  for (int i = 0; i < 200 && said.empty(); ++i) {
-    platform::SleepRealMicros(25000);
-    platform::ReadWholeFile(root + u"/child.txt", said);
-  }
+  const bool locked = StartLockHolder(child, Repo(leaf + u"/1"), root + u"/child.txt", holder);
   // The locked byte cannot be read on Windows: the lock file is looked at by its existence only.
   auto lockFile = [](const WString& p) { return p == u"1"; };
   const Snapshot held = Take(Repo(leaf), lockFile);
   ASSERT_TRUE(Tool({u"bump", u"--out", served, u"--leaf", leaf}));
-  int rc = said == "locked\n" ? Update() : -99;
+  int rc = locked ? Update() : -99;
   const Snapshot after = Take(Repo(leaf), lockFile);
   const bool lockStays = platform::FileExists(Repo(leaf + u"/1"));
-  holder.Terminate(0);
-  holder.WaitRealMicros(platform::kInfiniteMicros);
-  ASSERT_EQ(said, "locked\n");
+  StopLockHolder(holder);
+  ASSERT_TRUE(locked);
   EXPECT_EQ(rc, 0);
   EXPECT_TRUE(after == held) << Differences(held, after);
   EXPECT_TRUE(lockStays);

@@ -15,6 +15,7 @@
 #include "platform/FileIo.h"
 #include "platform/FileLock.h"
 #include "platform/Process.h"
+#include "tests/support/LockHolder.h"
 #include "tests/unit/TestRegistry.h"
 
 namespace {
@@ -122,20 +123,10 @@ TEST_F(LeafTest, TheLockOfAnotherProcessIsSeen) {
   WString dir = Leaf(u"L");
   Put(dir + u"/1", "");
   Put(dir + u"/zt.par", "");
-  platform::ProcessOptions options;
-  options.commandLine = u"\"" + program + u"\" lock \"" + dir + u"/1\" hang";
-  options.stdoutFile = root + u"/child.txt";
   platform::ChildProcess holder;
-  ASSERT_TRUE(holder.Start(options));
-  std::string said;
-  for (int i = 0; i < 200 && said.empty(); ++i) {
-    platform::SleepRealMicros(25000);
-    platform::ReadWholeFile(root + u"/child.txt", said);
-  }
-  ASSERT_EQ(said, "locked\n");
+  ASSERT_TRUE(StartLockHolder(program, dir + u"/1", root + u"/child.txt", holder));
   EXPECT_EQ(tree->LeafStatus(u"L"), DLZTTree::kDownloading);
-  holder.Terminate(0);
-  holder.WaitRealMicros(platform::kInfiniteMicros);
+  StopLockHolder(holder);
   // The holder died without writing "done": its lock went with it.
   EXPECT_EQ(tree->LeafStatus(u"L"), DLZTTree::kDownloadFailed);
 }
