@@ -80,6 +80,10 @@ while IFS=$'\t' read -r rel ver exe bytes type common cver _; do
   fi
 done <<<"$leaves"
 for f in versionAll.exe ZT_par_tree.exe; do unzip -tq "srv/$f" >/dev/null || fail "unzip finds fault with $f"; done
+# The sample speaks the engine's vocabulary: every severity and every reboot value it knows.
+vocabulary() { unzip -p srv/ZT_par_tree.exe '*/zt.par' | tr -d '\r' | sed -n "s/^$1=//p" | sort -u | paste -sd' '; }
+[ "$(vocabulary severity)" = "mandatory optional recommended" ] || fail "sample severities: $(vocabulary severity)"
+[ "$(vocabulary reboot)" = "immediately no yes" ] || fail "sample reboot values: $(vocabulary reboot)"
 
 # A package: every entry below the leaf, payload as in the leaves folder, the short versionLeaf.txt.
 a1=BIOS/D3300/A1
@@ -197,7 +201,7 @@ rt build --leaves leaves --out notree --stub sfx.exe 2>/dev/null && fail "build 
 ini '[leaf]\nversion=4\ntype=F\n[component]\nTYPE=BIOS\nvendorNote=kept\n' M
 ini '[leaf]\nversion=2\ntype=L\n[component]\ntype=TOOL\n' N
 rt build --leaves bad --out csrv --stub sfx.exe >/dev/null || fail "build of a minimal leaf failed"
-printf '# component description of M\r\ntype=BIOS\r\nsubtype=\r\nobjectName=M\r\npciId=\r\nversion=1.0.4\r\nseverity=recommended\r\nreboot=0\r\ninstallTime=60\r\nprerequisite=\r\nos=any\r\nmandatory=0\r\npackageFile=M.exe\r\nformatVersion=1\r\nminStepVersion=\r\nvendorNote=kept\r\n' |
+printf '# component description of M\r\ntype=BIOS\r\nsubtype=\r\nobjectName=M\r\npciId=\r\nversion=1.0.4\r\nseverity=recommended\r\nreboot=no\r\ninstallTime=60\r\nprerequisite=\r\nos=any\r\nmandatory=0\r\npackageFile=M.exe\r\nformatVersion=1\r\nminStepVersion=\r\nvendorNote=kept\r\n' |
   cmp -s - <(unzip -p csrv/ZT_par_tree.exe M/zt.par) || fail "zt.par with defaults: $(unzip -p csrv/ZT_par_tree.exe M/zt.par | cat -A)"
 unzip -p csrv/M/M.exe M/zt.par | cmp -s - <(unzip -p csrv/ZT_par_tree.exe M/zt.par) || fail "the package's zt.par differs"
 unzip -p csrv/ZT_par_tree.exe N/ztlink.par | grep -qx $'packageFile=\r' || fail "a link leaf names a package file"
@@ -275,6 +279,147 @@ rt break --out good --what hostile-lines --os any 2>/dev/null && fail "hostile-l
 rt break --out good --what hostile-lines --leaf $'a\tb' 2>/dev/null && fail "hostile-lines accepted a TAB in a path"
 rt break --out good --what hostile-lines --version 1x 2>/dev/null && fail "hostile-lines accepted --version 1x"
 cmp -s before.txt good/versionTree.txt || fail "a refused break changed the tree"
+
+# --- inventory: a sample machine that disagrees with the leaves in known ways -------------------
+# inv_leaf REL TYPE LEAFVERSION [COMPONENT LINES] — a leaf of the folder "inv"
+inv_leaf() {
+  mkdir -p "inv/$1" && printf '[leaf]\nversion=%s\ntype=%s\n' "$3" "$2" >"inv/$1/leaf.ini"
+  [ -z "${4:-}" ] || printf '[component]\n%s\n' "$4" >>"inv/$1/leaf.ini"
+}
+# In leafRelPath order; k counts the leaves with a package, k % 5 says what the machine has.
+inv_leaf BIOS/D3300 F 1 $'type=BIOS\nsubtype=SystemBoard\nobjectName=D3300\nversion=1.3.5'           # k0 older
+inv_leaf COMMON/Lib8 C 2 $'type=DRIVER\nsubtype=Common\nobjectName=Lib8\nversion=2.0'                # k1 same
+inv_leaf DRIVER/NIC/X710 F 1 $'type=DRIVER\nsubtype=NIC\nobjectName=X710\npciId=8086:15ff\nversion=9.1' # k2 newer
+inv_leaf FIRMWARE/BMC/iRMC7 F 1 $'type=FIRMWARE\nsubtype=BMC\nobjectName=iRMC7\nversion=2.1'         # k3 missing
+inv_leaf LINK/Tool9 L 3 $'type=TOOL\nobjectName=Tool9\npciId=1234:5678\nversion=1.4'                 # no package
+inv_leaf PSU/P1 F 1 $'type=FIRMWARE\nsubtype=PSU\nobjectName=P1\nversion=3.2'                        # k4 unknown
+inv_leaf RAID/R0 F 1 $'type=FIRMWARE\nsubtype=RAID\nobjectName=R0\npciId=abcd:00EF\nversion=0.10.7' # k5 older
+inv_leaf SENSOR/S1 F 4                                                                                # k6 same
+inv_leaf TOOL/T1 F 1 $'type=TOOL\nsubtype=Util\nobjectName=T1\nversion=beta'                         # k7 newer
+inv_leaf UTIL/U1 C 1 $'type=DRIVER\nsubtype=Util\nobjectName=U1\nversion=1.0'                        # k8 missing
+inv_leaf VIDEO/V1 F 1 $'type=FIRMWARE\nsubtype=Video\nobjectName=V1\nversion=7.7'                    # k9 unknown
+inv_leaf WLAN/W1 F 1 $'type=FIRMWARE\nsubtype=Wlan\nobjectName=W1\nversion=0.0'                      # k10 nothing older
+inv_leaf ZZ/Z1 F 1 $'type=FIRMWARE\nsubtype=Misc\nobjectName=Z1\nversion=01.2'                       # k11 same
+inv_expected='# Installed components of the simulated update engine (repotool inventory)
+[system]
+os=linux
+
+[component]
+type=KordSupportPack-Win
+subtype=SupportPack
+objectName=SupportPack
+version=4.1.0
+compId=KPK-4.1.0
+description=Support pack
+
+[component]
+type=BIOS
+subtype=SystemBoard
+objectName=D3300
+version=0.3.5
+compId=D3300
+description=BIOS SystemBoard D3300
+
+[component]
+type=DRIVER
+subtype=Common
+objectName=Lib8
+version=2.0
+compId=Lib8
+description=DRIVER Common Lib8
+
+[component]
+type=DRIVER
+subtype=NIC
+objectName=X710
+version=10.1
+compId=PCI\VEN_8086&DEV_15FF
+description=DRIVER NIC X710
+
+[component]
+type=FIRMWARE
+subtype=PSU
+objectName=P1
+version=
+compId=P1
+description=FIRMWARE PSU P1
+
+[component]
+type=FIRMWARE
+subtype=RAID
+objectName=R0
+version=0.9.7
+compId=PCI\VEN_ABCD&DEV_00EF
+description=FIRMWARE RAID R0
+
+[component]
+type=FIRMWARE
+subtype=
+objectName=S1
+version=1.0.4
+compId=S1
+description=FIRMWARE  S1
+
+[component]
+type=TOOL
+subtype=Util
+objectName=T1
+version=1beta
+compId=T1
+description=TOOL Util T1
+
+[component]
+type=FIRMWARE
+subtype=Video
+objectName=V1
+version=
+compId=V1
+description=FIRMWARE Video V1
+
+[component]
+type=FIRMWARE
+subtype=Misc
+objectName=Z1
+version=01.2
+compId=Z1
+description=FIRMWARE Misc Z1'
+# inv_is FILE TEXT — FILE is TEXT with every line ending in CR LF
+inv_is() {
+  [ "$(tr -d '\r' <"$1")" = "$2" ] || fail "inventory $1:"$'\n'"$(diff <(echo "$2") <(tr -d '\r' <"$1"))"
+  [ "$(grep -c $'\r$' "$1")" -eq "$(wc -l <"$1")" ] && tail -c2 "$1" | cmp -s - <(printf '\r\n') ||
+    fail "inventory $1: a line without CR LF"
+}
+rt inventory --leaves inv --out inv.txt >/dev/null || fail "inventory failed"
+inv_is inv.txt "$inv_expected"
+# Again over the file it wrote, and into a new directory: the same bytes, no temporary file left.
+rt inventory --leaves inv --out inv.txt >/dev/null && rt inventory --leaves inv --out new/inv.txt >/dev/null ||
+  fail "inventory again failed"
+inv_is inv.txt "$inv_expected"
+cmp -s inv.txt new/inv.txt || fail "a second inventory differs"
+[ "$(ls -A new)" = inv.txt ] || fail "inventory left behind: $(ls -A new)"
+# --max counts the support pack and the sections written, not the leaves the machine lacks.
+rt inventory --leaves inv --out inv5.txt --max 5 --os 'Windows Server 2019' >/dev/null || fail "inventory --max 5 failed"
+inv_is inv5.txt "$(sed -e '/^description=FIRMWARE PSU P1$/q' -e 's/^os=linux$/os=Windows Server 2019/' <<<"$inv_expected")"
+rt inventory --leaves inv --out inv1.txt --max 1 >/dev/null || fail "inventory --max 1 failed"
+inv_is inv1.txt "$(sed '/^description=Support pack$/q' <<<"$inv_expected")"
+# The sample folder: the same leaves give the same inventory.
+rt inventory --leaves leaves --out s1.txt >/dev/null && rt inventory --leaves leaves --out s2.txt >/dev/null &&
+  cmp -s s1.txt s2.txt || fail "the sample's inventory differs between two runs"
+# inv_refused WHY OPTIONS... — exit 1 and one line on standard error, nothing written
+inv_refused() {
+  rt inventory --leaves inv --out refused.txt "${@:2}" 2>err.txt
+  local rc=$?
+  [ $rc -eq 1 ] && [ "$(wc -l <err.txt)" -eq 1 ] || fail "inventory with $1: exit $rc, $(cat err.txt)"
+  [ -e refused.txt ] && fail "inventory with $1 wrote its file"
+}
+mkdir invdir
+inv_refused "--max 0" --max 0
+inv_refused "--max 5x" --max 5x
+inv_refused "an os with a blank in front" --os ' x'
+inv_refused "a directory at --out" --out invdir
+inv_leaf RAID/R0 F 1 $'type=FIRMWARE\nobjectName=R0\npciId=8086-15ff'
+inv_refused "the pciId 8086-15ff"
+[ -z "$(ls -A invdir)" ] || fail "inventory wrote into the directory at --out"
 
 # --- the stub, under Wine ----------------------------------------------------------------------
 if [ -z "$WINE" ]; then

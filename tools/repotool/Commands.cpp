@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "repotool/Files.h"
+#include "repotool/Inventory.h"
 #include "repotool/LeavesFolder.h"
 #include "repotool/SampleLeaves.h"
 #include "repotool/ServerTree.h"
@@ -323,6 +324,18 @@ int Break(const Options& o) {
         "corrupt-package, missing-package, comment-only, hostile-lines or hostile-backtrack");
   }
   Done("tree broken: " + what);
+  return 0;
+}
+
+int Inventory(const Options& o) {
+  o.Allow({"leaves", "out", "max", "os"});
+  long long maxComponents = o.Number("max", 99, 1, INT32_MAX);
+  fs::path out = PathOption(o, "out");
+  if (fs::is_directory(out)) throw std::runtime_error("--out is a directory: " + o.Get("out"));
+  std::vector<Leaf> leaves = leavesfolder::Read(PathOption(o, "leaves"));
+  inventory::Result result = inventory::Text(leaves, o.Get("os", "linux"), maxComponents);
+  files::WriteAtomic(out, result.text);
+  Done("inventory of " + std::to_string(result.components) + " component(s) in " + o.Get("out"));
   return 0;
 }
 

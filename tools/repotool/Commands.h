@@ -14,5 +14,6 @@ int Backtrack(const Options& o);
 int Stop(const Options& o);
 int Break(const Options& o);
 int Evil(const Options& o);
+int Inventory(const Options& o);
 
 }  // namespace commands

@@ -153,7 +153,7 @@ void CompleteComponent(Leaf& leaf, const std::vector<std::pair<std::string, std:
       {"objectName", last},
       {"version", "1.0." + std::to_string(std::max(leaf.version, 0))},
       {"severity", "recommended"},
-      {"reboot", "0"},
+      {"reboot", "no"},
       {"installTime", "60"},
       {"os", "any"},
       {"mandatory", "0"},

@@ -80,14 +80,15 @@ void WriteLeaf(const fs::path& dir, int i, int count) {
   int commonIndex = i / 10 * 10 + 8;
   if ((kind == 1 || kind == 5) && commonIndex < count) common = "COMMON/Lib" + std::to_string(commonIndex);
 
-  static const char* const severities[] = {"optional", "recommended", "critical"};
+  static const char* const severities[] = {"optional", "recommended", "mandatory"};
+  static const char* const reboots[] = {"no", "immediately", "yes"};
   std::string ini = "# sample leaf " + n + "\n[leaf]\nversion=" + std::to_string(version) + "\ntype=" + type + "\n";
   if (type != "L") ini += "package=" + object + "_" + std::to_string(version) + ".exe\n";
   if (!common.empty()) ini += "common=" + common + "\n";
   ini += "oldVersion=" + std::to_string(version - 1) + "\n";
   ini += "\n[component]\ntype=" + ctype + "\nsubtype=" + subtype + "\nobjectName=" + object + "\npciId=" + pciId +
          "\nversion=" + std::to_string(1 + i % 3) + "." + std::to_string(version) + "." + std::to_string(i % 20) +
-         "\nseverity=" + severities[i % 3] + "\nreboot=" + std::to_string(i % 3) +
+         "\nseverity=" + severities[i % 3] + "\nreboot=" + reboots[i % 3] +
          "\ninstallTime=" + std::to_string(30 * (1 + i % 5)) + "\nprerequisite=" + prerequisite + "\nos=" + os +
          "\nmandatory=" + (i % 4 == 0 ? "1" : "0") +
          "\nformatVersion=1\nminStepVersion=" + (i % 4 == 0 ? "1.0.0" : "") + "\n";

@@ -1,5 +1,6 @@
 // repotool: builds and changes a download server's tree of update packages for tests, demos and
-// samples (docs/repository.md describes the tree, the input and every command).
+// samples, and writes the inventory of a sample machine that disagrees with such a tree in known
+// ways (docs/repository.md describes the tree, the input and every command).
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -25,7 +26,8 @@ int Usage() {
       "                     short-package|corrupt-package|missing-package|comment-only [--leaf REL]\n"
       "  repotool break     --out SERVERDIR --what hostile-lines [--leaf PATH...] [--version V]\n"
       "  repotool break     --out SERVERDIR --what hostile-backtrack [--leaf PATH...] [--os TEXT]\n"
-      "  repotool evil      --out FILE --stub sfx.exe --entry NAME|symlink:TARGET [--name NAME]\n");
+      "  repotool evil      --out FILE --stub sfx.exe --entry NAME|symlink:TARGET [--name NAME]\n"
+      "  repotool inventory --leaves DIR --out FILE [--max N] [--os TEXT]\n");
   return 2;
 }
 
@@ -45,6 +47,7 @@ int main(int argc, char** argv) {
     if (command == "stop") return commands::Stop(o);
     if (command == "break") return commands::Break(o);
     if (command == "evil") return commands::Evil(o);
+    if (command == "inventory") return commands::Inventory(o);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "repotool %s: %s\n", command.c_str(), e.what());
     return 1;
