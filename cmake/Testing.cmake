@@ -31,6 +31,13 @@ else()
   target_link_libraries(em_exports_client PRIVATE ${CMAKE_DL_LIBS})
 endif()
 
+# An engine library as a field engine comes: a shared library built against the engine's header
+# alone that exports the one C factory function; the factory tests load it by its path.
+add_library(em_test_engine SHARED tests/support/test_engine.cpp)
+if(WIN32)
+  set_target_properties(em_test_engine PROPERTIES PREFIX "")
+endif()
+
 # The test servers (nginx over http and https, tinyproxy with and without authentication, the
 # fault server), started once before the tests that need them and stopped after them. Their
 # ports and credentials are in servers.env of the state directory.
@@ -48,14 +55,15 @@ set(EM_TOOL_ENV
   "EM_REPOTOOL=$<TARGET_FILE:repotool>"
   "EM_SFX_STUB=${EM_SFX_STUB}"
   "EM_TEST_CHILD=$<TARGET_FILE:em_test_child>"
-  "EM_EXPORTS_CLIENT=$<TARGET_FILE:em_exports_client>")
+  "EM_EXPORTS_CLIENT=$<TARGET_FILE:em_exports_client>"
+  "EM_TEST_ENGINE=$<TARGET_FILE:em_test_engine>")
 
 # Unit tests: the module's code linked in statically, one program for all subsystems.
 file(GLOB EM_UNIT_SOURCES CONFIGURE_DEPENDS tests/unit/*.cpp)
 add_executable(em_unit_tests ${EM_UNIT_SOURCES})
 target_link_libraries(em_unit_tests PRIVATE em_core ${EM_GTEST_LIBS})
 target_include_directories(em_unit_tests PRIVATE ${CMAKE_SOURCE_DIR})
-add_dependencies(em_unit_tests em_test_child)
+add_dependencies(em_unit_tests em_test_child em_test_engine repotool em_sfx_stub)
 add_test(NAME unit COMMAND em_unit_tests)
 set_tests_properties(unit PROPERTIES ENVIRONMENT "${EM_TOOL_ENV}")
 

@@ -6,6 +6,10 @@
 #include "platform/FileIo.h"
 
 bool TextLineReader::Open(const WString& path) {
+  return Open(path, platform::kCodePageAnsi);
+}
+
+bool TextLineReader::Open(const WString& path, uint32_t codePage) {
   m_text.clear();
   m_pos = 0;
   std::string bytes;
@@ -16,7 +20,7 @@ bool TextLineReader::Open(const WString& path) {
     if (bytes[i] == '\r' && i + 1 < bytes.size() && bytes[i + 1] == '\n') continue;
     text.push_back(bytes[i]);
   }
-  platform::CodePageToWide(platform::kCodePageAnsi, text.data(), text.size(), m_text);
+  platform::CodePageToWide(codePage, text.data(), text.size(), m_text);
   return true;
 }
 

@@ -1,4 +1,5 @@
-// Loading a module file and finding its entry points (used by the host, never by the module).
+// Loading a module file and finding its entry points: the host loads the module file, and the
+// module's engine factory loads a configured update engine library.
 #pragma once
 
 #include "base/WString.h"
