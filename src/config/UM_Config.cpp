@@ -398,8 +398,36 @@ int UM_Config::setScheduleDate(uint32_t newTime) {
   RequestMessage m;
   ConstructRequest(m, CM_WriteConfigurationSpace, kOeScheduleDate, 0, cabinetNumber, ST_NONE);
   int rc = configSpace.WriteNumber(m, nullptr);
-  if (rc == 1) scheduleDate = newTime;
+  if (rc == 1) {
+    CCriticalSectionLock lock(m_lock);
+    scheduleDate = newTime;
+  }
   return rc;
+}
+
+uint32_t UM_Config::getScheduleDate() {
+  CCriticalSectionLock lock(m_lock);
+  return scheduleDate;
+}
+
+uint32_t UM_Config::getScheduleFrequency() {
+  CCriticalSectionLock lock(m_lock);
+  return scheduleFrequency;
+}
+
+uint8_t UM_Config::getCheckMode() {
+  CCriticalSectionLock lock(m_lock);
+  return checkMode;
+}
+
+uint8_t UM_Config::getDownloadMode() {
+  CCriticalSectionLock lock(m_lock);
+  return downloadMode;
+}
+
+uint8_t UM_Config::getRepositoryAccessMode() {
+  CCriticalSectionLock lock(m_lock);
+  return repositoryAccessMode;
 }
 
 int UM_Config::getMailAlertEnabledFlag() {

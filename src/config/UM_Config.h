@@ -61,8 +61,13 @@ class UM_Config {
   int check();
   std::unique_ptr<webParam> getWebParams();
   WString getRepositoryPath();
-  uint32_t getScheduleDate() const { return scheduleDate; }
-  uint32_t getScheduleFrequency() const { return scheduleFrequency; }
+  // The schedule and the modes, each read under the lock: the host's threads may write them while
+  // the scheduler and a check read them.
+  uint32_t getScheduleDate();
+  uint32_t getScheduleFrequency();
+  uint8_t getCheckMode();
+  uint8_t getDownloadMode();
+  uint8_t getRepositoryAccessMode();
   int setScheduleDate(uint32_t newTime);
   int getMailAlertEnabledFlag();
 

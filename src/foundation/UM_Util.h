@@ -33,7 +33,8 @@ class UM_Util {
   bool umLoggingActive();
 
   // To the system's event log: 1 error, 2 warning, anything else information.
-  void umEventLogWrite(int severity, const WString& text);
+  // Virtual so that tests can see the entries without the system's log.
+  virtual void umEventLogWrite(int severity, const WString& text);
   // The whole file as one text (ANSI, line ends as line feeds); empty when it cannot be read.
   WString umReadFile2String(const WString& fileName);
 

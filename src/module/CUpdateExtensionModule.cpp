@@ -2,6 +2,9 @@
 
 #include <cstring>
 
+#include "check/DiffComponentInfo.h"
+#include "check/UM_Check.h"
+#include "check/UM_Scheduler.h"
 #include "config/UM_Config.h"
 #include "foundation/CDebug.h"
 #include "foundation/UM_Util.h"
@@ -63,10 +66,12 @@ int CUpdateExtensionModule::StartModule(IModuleHost* host, uint32_t identifier) 
   TRACE(1, u"\n### Starting module %s ###\n", g_moduleTraceName);
   CExtensionModule::StartModule(host, identifier);
   // The components in their order; a failed allocation leaves a null pointer and the start goes
-  // on. The check, the scheduler and the jobs join as they are built; until then their opcodes
-  // are answered as unknown ones.
+  // on. The jobs join when they are built; until then their opcodes are answered as unknown ones.
   m_util = new (std::nothrow) UM_Util(this);
   m_config = new (std::nothrow) UM_Config(this, m_util);
+  m_check = new (std::nothrow) UM_Check(m_config, m_util, this);
+  // The scheduler's thread runs only from OnSwitchStarted on.
+  m_scheduler = new (std::nothrow) UM_Scheduler(this, m_check, m_config);
   StartSerialization();
   TRACE(1, u"\n\n### Start of module %s completed successfully ###", g_moduleTraceName);
   TRACE(1, kSeparator);
@@ -76,6 +81,7 @@ int CUpdateExtensionModule::StartModule(IModuleHost* host, uint32_t identifier) 
 void CUpdateExtensionModule::OnSwitchStarted() {
   TRACE(1, u"\n### OnSwitchStarted module %s ###\n", g_moduleTraceName);
   int ret = 0;
+  if (m_scheduler) ret = m_scheduler->start();
   if (m_host) m_host->ModuleStarted(this, 0);
   uint32_t cabinet = 0;
   int cabOk = GetCabinetNumber(&cabinet);
@@ -94,6 +100,17 @@ int CUpdateExtensionModule::StopModule() {
   TRACE(2, u"\n### Send update stop event to module %s ###\n", g_moduleTraceName);
   // The fixed teardown order: check, scheduler, paths and logs, settings, jobs. Paths and logs go
   // before the settings, which hold a pointer to them and do not use it while stopping.
+  //
+  // The scheduler's thread may be inside a check, and a thread woken without the shutdown event
+  // would start another one: it is ended (30 s at most, then killed) before the check it calls
+  // goes, and the scheduler object itself goes in its own place after the check.
+  if (m_scheduler) m_scheduler->stop();
+  delete m_check;
+  m_check = nullptr;
+  if (m_scheduler) {
+    delete m_scheduler;
+    m_scheduler = nullptr;
+  }
   delete m_util;
   m_util = nullptr;
   delete m_config;
@@ -109,9 +126,8 @@ uint32_t CUpdateExtensionModule::GetSwitchShutDownFlag() {
   return flag;
 }
 
-DiffComponentInfo* CUpdateExtensionModule::getDiffComponentInfo(WString /*componentPath*/) {
-  // No check component in this build: no component information is known.
-  return nullptr;
+DiffComponentInfo* CUpdateExtensionModule::getDiffComponentInfo(WString componentPath) {
+  return m_check ? m_check->getDiffComponent(componentPath) : nullptr;
 }
 
 int CUpdateExtensionModule::getMailAlertEnabledFlag() {

@@ -1,6 +1,8 @@
 // Routing of the host's requests and replies, and the module's own traffic towards the host.
 #include <vector>
 
+#include "check/UM_Check.h"
+#include "check/UM_Scheduler.h"
 #include "config/UM_Config.h"
 #include "foundation/CDebug.h"
 #include "foundation/Opcodes.h"
@@ -85,12 +87,25 @@ int CUpdateExtensionModule::ApplicationRequest(RequestMessage* message) {
   } else if (oc == CM_UmServerStartCheck) {
     TRACE(2, u"\nEM_MENDER (REQUEST) :  call umScheduler.setEvent for starting once immediately createData()");
     // The check runs on the scheduler's thread; the reply does not wait for it.
+    if (m_scheduler) m_scheduler->setEvent(1, 1);
     MessageValue& command = GetCurrentCommand(m);
     if (command.IsObject()) SetCommandValue(m, command, kKeyST, ST_OK, false);
     result = 1;
   } else if (oc >= CM_UmFamilyFirst && oc <= CM_UmFamilyLast) {
-    // The check's opcodes: the check component is not part of this build yet.
-    result = AnswerUnknown(m);
+    if (!m_check) {
+      result = AnswerUnknown(m);
+    } else {
+      result = m_check->request(m);
+      TRACE(2, u"\nEM_MENDER (REQUEST) :  umCheck returns %d", result);
+      if (oc == CM_UmConfigChanged && m_scheduler) {
+        // The settings' check may have come with new schedule values.
+        TRACE(2,
+              u"\nEM_MENDER (REQUEST) :  call umScheduler.setEvent for informing about  modified configuration "
+              u"values)");
+        const int rc = m_scheduler->setEvent(0, 0);
+        TRACE(2, u"\nEM_MENDER (REQUEST) :  umScheduler.setEvent returns %d", rc);
+      }
+    }
   } else if ((oc == CM_ReadConfigurationSpace || oc == CM_WriteConfigurationSpace) && m_config) {
     result = m_config->request(m);
     TRACE(2, u"\nEM_MENDER (REQUEST) :  umConfig returns %d", result);
@@ -128,6 +143,11 @@ void CUpdateExtensionModule::ApplicationReply(RequestMessage* message) {
     TRACE(3, u"EM_MENDER (REPLY)    : ScanState=%d: \n", static_cast<int>(scanState));
     // Only a changed inventory (states 2 and 3) concerns the check, and only once it exists.
     if (!m_scheduler || !m_check || (scanState != 2 && scanState != 3)) return;
+    TRACE(2, u"EM_MENDER (REPLY)    : inform ORMUX; inventoryModified\n");
+    if (m_check->setInventoryModifiedEvent(static_cast<uint8_t>(scanState))) {
+      TRACE(2, u"EM_MENDER (REPLY)    : inform UM_scheduler; setEvent(immediate,force)\n");
+      m_scheduler->setEvent(1, 1);
+    }
     TRACE(3, u"EM_MENDER (REPLY)    : END \n");
   }
   EM_CATCH_THREAD_CANCEL catch (...) {

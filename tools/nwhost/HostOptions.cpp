@@ -1,11 +1,15 @@
 #include "nwhost/HostOptions.h"
 
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
+#include "foundation/RootPaths.h"
 #include "platform/Environment.h"
 #include "platform/FileIo.h"
 #include "platform/RegFile.h"
 #include "platform/Registry.h"
+#include "platform/SystemInfo.h"
 
 namespace {
 
@@ -111,6 +115,37 @@ bool PrepareAndStart(const std::string& registry, ModuleHost& host) {
   }
   if (!host.Start()) {
     std::fprintf(stderr, "nwhost: %s\n", host.LastError().c_str());
+    return false;
+  }
+  return true;
+}
+
+bool ProvideTransferTool(const WString& directory, const char* place, const std::string& tool, std::string& error) {
+#ifdef _WIN32
+  const WString name = u"FileDownLoad.exe";
+#else
+  const WString name = u"FileDownLoad";
+#endif
+  const WString here = directory + kSep + name;
+  if (platform::FileExists(here)) return true;
+  WString source;
+  if (!tool.empty()) {
+    source = WFromUtf8(tool);
+  } else {
+    const WString self = platform::ModuleFilePath();
+    const size_t slash = self.find_last_of(u"/\\");
+    source = (slash == WString::npos ? WString() : self.substr(0, slash + 1)) + name;
+  }
+  if (!platform::FileExists(source)) {
+    error = std::string(place) + " has no " + WToUtf8(name) + " and " + WToUtf8(source) +
+            " does not exist (--tool names one)";
+    return false;
+  }
+  std::error_code ec;
+  std::filesystem::copy_file(std::filesystem::path(source), std::filesystem::path(here),
+                             std::filesystem::copy_options::overwrite_existing, ec);
+  if (ec) {
+    error = "cannot copy " + WToUtf8(source) + " into " + place + ": " + ec.message();
     return false;
   }
   return true;

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "base/WString.h"
 #include "hostlib/ModuleHost.h"
 
 // Makes a registry export the settings the module will read: on POSIX the file itself becomes
@@ -17,3 +18,9 @@ bool PrepareAndStart(const std::string& registry, ModuleHost& host);
 // it took the option (i then stands on its last word), 0 when the word is no host option, -1 for
 // a host option with a bad value.
 int ParseHostOption(int argc, char** argv, int& i, ModuleHost::Options& options, std::string& registry);
+
+// The module's mirror runs the transfer tool from a directory of its own (a working location, or
+// the module's work directory for a check). When `directory` lacks the tool, the one `tool` names,
+// else the one beside nwhost, is copied in. False, with the reason, when there is none to copy or
+// the copy fails; `place` names the directory in that reason.
+bool ProvideTransferTool(const WString& directory, const char* place, const std::string& tool, std::string& error);

@@ -23,18 +23,12 @@
 #include "platform/CodePage.h"
 #include "platform/DynamicLibrary.h"
 #include "platform/FileIo.h"
-#include "platform/SystemInfo.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr char16_t kCheckLogName[] = u"UM_Checknew.log";
-#ifdef _WIN32
-constexpr char16_t kToolName[] = u"FileDownLoad.exe";
-#else
-constexpr char16_t kToolName[] = u"FileDownLoad";
-#endif
 // How often the check log is looked at while the call runs.
 constexpr auto kFollowInterval = std::chrono::milliseconds(200);
 
@@ -274,33 +268,6 @@ class CheckLogFollower {
   bool m_stop = false;
 };
 
-// The working location must hold the transfer tool the mirror runs for every file: the one named
-// by --tool, else the one beside nwhost, is copied in when it lacks one.
-bool ProvideTool(const std::string& tool, std::string& error) {
-  const WString here = CurrentDirectoryText() + kSep + kToolName;
-  if (platform::FileExists(here)) return true;
-  WString source;
-  if (!tool.empty()) {
-    source = WFromUtf8(tool);
-  } else {
-    const WString self = platform::ModuleFilePath();
-    const size_t slash = self.find_last_of(u"/\\");
-    source = (slash == WString::npos ? WString() : self.substr(0, slash + 1)) + kToolName;
-  }
-  if (!platform::FileExists(source)) {
-    error = "the working location has no " + WToUtf8(kToolName) + " and " + WToUtf8(source) +
-            " does not exist (--tool names one)";
-    return false;
-  }
-  std::error_code ec;
-  fs::copy_file(fs::path(source), fs::path(here), fs::copy_options::overwrite_existing, ec);
-  if (ec) {
-    error = "cannot copy " + WToUtf8(source) + " into the working location: " + ec.message();
-    return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 int NwhostMirrorVerb(int argc, char** argv) {
@@ -337,7 +304,9 @@ int NwhostMirrorVerb(int argc, char** argv) {
     if (ec) return Refuse("cannot use " + o.workdir + " as the working location: " + ec.message());
   }
   // Removing a leaf's files runs no transfer.
-  if (o.action != "delete-binary" && !ProvideTool(o.tool, error)) return Refuse(error);
+  if (o.action != "delete-binary" &&
+      !ProvideTransferTool(CurrentDirectoryText(), "the working location", o.tool, error))
+    return Refuse(error);
 
   // The same directory the module's mirror finds without a module object: <TempRoot>/EM_MENDER.
   const WString checkLog = UM_Util(nullptr).umGetLogDir() + kSep + kCheckLogName;

@@ -10,6 +10,8 @@
 // Output:
 //   {"op":"reply","OC":..,"ret":..,"ST":..,"DA":..}        ("ret" only for ApplicationRequest)
 //   {"op":"event","OC":..,"OE":..,"OI":..,"CA":..,"MI":..,"ST":..,"DA":..}   as seen inside PostEvent
+//   {"op":"alert","number":..,"severity":..,"platform":..,"time":..,"args":[..]}   right after the
+//                                                event line of each alert (0x3341): its record decoded
 //   {"op":"host-request",...,"timeout_ms":..}              each SendRequest; the host answers ST 0
 //   {"op":"timeout","OC":..}  {"op":"properties",...}  {"op":"error","message":".."}
 // The host's own sleeps and waits run in real time; EM_MENDER_TIME_SCALE shortens only the module's.
@@ -24,6 +26,8 @@
 #include <string>
 #include <thread>
 
+#include "foundation/Opcodes.h"
+#include "hostlib/AlertRecord.h"
 #include "hostlib/JsonMessage.h"
 #include "hostlib/ModuleHost.h"
 #include "nwhost/HostOptions.h"
@@ -110,6 +114,39 @@ bool ReadUint(const rapidjson::Value& object, const char* name, uint32_t def, ui
   return true;
 }
 
+// The decoded record of an alert event; a record that cannot be decoded gets its reason.
+std::string AlertJsonLine(const RequestMessage& message) {
+  std::vector<uint8_t> bytes;
+  GetDataStream(message, message.commandIndex, bytes);
+  AlertRecord record;
+  std::string error;
+  rapidjson::StringBuffer buffer;
+  JsonWriter writer(buffer);
+  writer.StartObject();
+  writer.Key("op");
+  writer.String("alert");
+  if (!DecodeAlertRecord(bytes, record, error)) {
+    writer.Key("error");
+    writer.String(error.c_str(), static_cast<rapidjson::SizeType>(error.size()));
+  } else {
+    writer.Key("number");
+    writer.Uint(record.number);
+    writer.Key("severity");
+    writer.Uint(record.severity);
+    writer.Key("platform");
+    writer.Uint(record.platform);
+    writer.Key("time");
+    writer.Uint(record.time);
+    writer.Key("args");
+    writer.StartArray();
+    for (const std::string& arg : record.arguments)
+      writer.String(arg.c_str(), static_cast<rapidjson::SizeType>(arg.size()));
+    writer.EndArray();
+  }
+  writer.EndObject();
+  return buffer.GetString();
+}
+
 int Usage() {
   std::fprintf(stderr,
                "usage: nwhost script [--module PATH] [--cabinet N | --no-cabinet] [--registry FILE]\n"
@@ -121,7 +158,11 @@ class ScriptRunner {
  public:
   explicit ScriptRunner(ModuleHost& host) : m_host(host) {
     m_host.SetEventCallback([this](const RequestMessage& message) {
-      m_out.Emit(CommandJsonLine("event", CommandOrEmpty(message, message.commandIndex)));
+      std::string lines = CommandJsonLine("event", CommandOrEmpty(message, message.commandIndex));
+      // The decoded alert follows its event line at once: both go out in one piece.
+      if (GetCommandValue(message, message.commandIndex, kKeyOC, 0) == CM_UmAlert)
+        lines += "\n" + AlertJsonLine(message);
+      m_out.Emit(lines);
     });
     m_host.SetHostRequestCallback([this](const RequestMessage& message, uint32_t timeoutMs) {
       m_out.Emit(

@@ -13,3 +13,9 @@ int NwhostDemoVerb(int argc, char** argv);
 // nwhost mirror [--module PATH] [--registry FILE] [options] update | download LEAF |
 //               delete-binary LEAF | check-connection
 int NwhostMirrorVerb(int argc, char** argv);
+// nwhost check [host options] [--json] [--timeout S] [--tool PATH] [--progress | --quiet]
+int NwhostCheckVerb(int argc, char** argv);
+// nwhost updates [the options of check] [--no-check]
+int NwhostUpdatesVerb(int argc, char** argv);
+// nwhost installed [the options of check] [--no-check]
+int NwhostInstalledVerb(int argc, char** argv);

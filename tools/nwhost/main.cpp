@@ -27,6 +27,12 @@ int Usage() {
                "               update | download LEAF | delete-binary LEAF | check-connection\n"
                "                                   one call of the repository functions of the module file\n"
                "                                   (nwhost mirror --help lists the options)\n"
+               "  nwhost check [--module PATH] [--cabinet N] [--registry FILE] [--json] [--timeout SECONDS]\n"
+               "                                   run an update check and show the updates it found\n"
+               "  nwhost updates [options of check] [--no-check]\n"
+               "  nwhost installed [options of check] [--no-check]\n"
+               "                                   the table of updates or of installed components after a check\n"
+               "                                   (nwhost check --help lists the options)\n"
                "  nwhost xml FILE                  read an XML file as the module reads it\n");
   return 2;
 }
@@ -52,5 +58,8 @@ int main(int argc, char** rawArgv) {
   if (std::strcmp(argv[1], "config") == 0) return NwhostConfigVerb(argc - 1, argv + 1);
   if (std::strcmp(argv[1], "demo") == 0) return NwhostDemoVerb(argc - 1, argv + 1);
   if (std::strcmp(argv[1], "mirror") == 0) return NwhostMirrorVerb(argc - 1, argv + 1);
+  if (std::strcmp(argv[1], "check") == 0) return NwhostCheckVerb(argc - 1, argv + 1);
+  if (std::strcmp(argv[1], "updates") == 0) return NwhostUpdatesVerb(argc - 1, argv + 1);
+  if (std::strcmp(argv[1], "installed") == 0) return NwhostInstalledVerb(argc - 1, argv + 1);
   return Usage();
 }
