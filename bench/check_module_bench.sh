@@ -154,11 +154,19 @@ if ((do_check)); then
   echo
   echo "(2) checks through nwhost script against nginx (http://127.0.0.1:${S[HTTP_PORT]}/$name); load $(load)"
   python3 - "$nwhost" "$module" "$c/settings.reg" "$state/agent" "$c/repo" "127.0.0.1:${S[HTTP_PORT]}" "/$name" \
-    "$runs" "$c/trace.txt" <<'EOF'
+    "$runs" "$c/trace.txt" "$servers/logs/nginx-access.log" <<'EOF'
 import json, os, re, statistics, subprocess, sys, time
 
-nwhost, module, reg, agent, repo, web, path, runs, trace = sys.argv[1:10]
+nwhost, module, reg, agent, repo, web, path, runs, trace, access_log = sys.argv[1:11]
 runs = int(runs)
+
+def requests():
+    """Requests nginx logged for the tree so far."""
+    try:
+        with open(access_log, encoding="utf-8", errors="replace") as f:
+            return sum(1 for line in f if '"GET ' + path + "/" in line)
+    except OSError:
+        return 0
 
 def fail(text):
     print("check_module_bench: " + text, file=sys.stderr)
@@ -193,8 +201,9 @@ for oe, value in ((6721, 1), (6720, repo), (6725, 1), (6727, web), (6728, path))
     if ask(0xE002, oe, 0, value).get("ST") != 0:
         fail("setting %d refused" % oe)
 
-walls = []
+walls, fetched = [], []
 for k in range(runs + 1):
+    logged = requests()
     send({"op": "request", "OC": 13105, "CA": 0})
     send({"op": "wait", "OC": 13120, "timeout_ms": 1800000})
     t0 = time.monotonic()
@@ -208,12 +217,13 @@ for k in range(runs + 1):
     status, error = ask(13110).get("DA"), ask(13111).get("DA")
     log = ask(13109).get("DA", "")
     n = ask(13056).get("DA")
+    fetched.append(requests() - logged)
     if status != 0 or error != 0:
         fail("check %d ended with status %s, error %s:\n%s" % (k, status, error, log))
     if k > 0 and "Updating is not necessary!" not in log:
         fail("check %d did not find the mirror up to date:\n%s" % (k, log))
     if k == 0:
-        print("    first check (mirror of the tree): %.0f ms, %s rows" % (walls[0], n))
+        print("    first check (mirror of the tree): %.0f ms, %s rows, %d requests to nginx" % (walls[0], n, fetched[0]))
 host.stdin.close()
 host.wait()
 err.close()
@@ -260,6 +270,7 @@ print("    up-to-date checks: medians of %d (ms); the first check took %.0f ms b
       (runs, (checks[0]["event"] - checks[0]["request"]) % day))
 for label, values in rows:
     print("    %-56s %8.0f   runs: %s" % (label, med(values), " ".join("%.0f" % v for v in values)))
+print("    requests to nginx per up-to-date check: %s" % " ".join(str(v) for v in fetched[1:]))
 print("    trace: %d lines on standard error at level 2 for the %d checks" % (trace_lines, runs + 1))
 EOF
   echo "    load after the checks: $(load)"
@@ -322,6 +333,10 @@ def status_of(task):
                 out[key] = int(value)
     return out
 
+def started(pid, tid):
+    with open("/proc/%d/task/%d/stat" % (pid, tid)) as f:
+        return int(f.read().rsplit(")", 1)[1].split()[19])
+
 def cpu_ticks(pid):
     with open("/proc/%d/stat" % pid) as f:
         fields = f.read().rsplit(")", 1)[1].split()
@@ -365,10 +380,10 @@ try:
         print("    %-26s user+sys %.2f s (user %.2f, sys %.2f), run time %.0f us, wake-ups %d, threads %d" %
               (label, (u1 - u0 + s1 - s0) / tick, (u1 - u0) / tick, (s1 - s0) / tick, run_us, wakes, len(t1)))
         if p is host:
-            for tid in sorted(t1):
-                if tid in t0:
-                    print("      thread %d: %d wake-ups, waiting in system call %s" %
-                          (tid, t1[tid][0] - t0[tid][0], t1[tid][2]))
+            order = sorted((t for t in t1 if t in t0), key=lambda t: started(p.pid, t))
+            for i, tid in enumerate(order):
+                print("      thread started %d. (%d): %d wake-ups, waiting in system call %s" %
+                      (i + 1, tid, t1[tid][0] - t0[tid][0], t1[tid][2]))
 finally:
     bare.kill()
     bare.wait()

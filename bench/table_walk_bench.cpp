@@ -165,8 +165,8 @@ Fixture& Module() {
   return fixture;
 }
 
-// The walk: the number of rows, then each field opcode of each row, the reply's data read as a
-// requester reads it. state.range(0) says whether the release notes (a file read each) are asked.
+// The walk: the number of rows, then each field opcode of each row; of each reply the length of its
+// data is taken. state.range(0) says whether the release notes (a file read each) are asked.
 void BM_TableWalk(benchmark::State& state) {
   Fixture& f = Module();
   const std::vector<uint32_t> fields = FieldOpcodes(state.range(0) != 0);
@@ -187,7 +187,7 @@ void BM_TableWalk(benchmark::State& state) {
   const double requests = 1.0 + static_cast<double>(f.rows) * static_cast<double>(fields.size());
   state.counters["rows"] = f.rows;
   state.counters["requests"] = requests;
-  // Shown as the time of one request (CPU time per request: "7us").
+  // Shown as the time of one request (CPU time per request, e.g. "5.3us").
   state.counters["per_request"] =
       benchmark::Counter(requests, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   state.counters["reply_bytes"] = static_cast<double>(bytes) / static_cast<double>(state.iterations());

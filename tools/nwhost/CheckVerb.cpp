@@ -726,10 +726,10 @@ int RunVerb(Verb verb, int argc, char** argv) {
     return 1;
   }
   // The module's work directory, found with the module's own code after the registry is in
-  // place: the check log is written there, and the transfer tool and the web server's
-  // UpdateIndicatorFile.txt are expected there. The mirror runs the tool from its working
-  // location, the process's current directory, so the module runs with the work directory as
-  // its current one, as it would be started in the field.
+  // place: the check log is written there, and the transfer tool (copied in below) and the web
+  // server's UpdateIndicatorFile.txt belong there. The module's mirror looks for both in its working
+  // location, the process's current directory: nwhost runs the module with the work directory as
+  // its current one, so that a check finds them wherever nwhost was started.
   UM_Util paths(nullptr);
   const WString workDir = paths.umGetWorkDir();
   LogTail tail(paths.umGetLogDir() + kSep + kCheckLogName, paths.umGetCheckLogDir());
