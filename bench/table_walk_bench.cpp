@@ -24,13 +24,13 @@
 
 namespace {
 
-constexpr uint32_t kDiffNumberEntries = 0x3300;
-constexpr uint32_t kDiffFirstField = 0x3301;
-constexpr uint32_t kDiffLastField = 0x3317;
+constexpr uint32_t kDiffNumberEntries = CM_UmDiffNumberEntries;
+constexpr uint32_t kDiffFirstField = CM_UmDiffComponentPath;
+constexpr uint32_t kDiffLastField = CM_UmDiffBinaryLoaded;
 // Not fields of a row: the module answers them as unknown opcodes.
 constexpr uint32_t kDiffGap1 = 0x3307;
 constexpr uint32_t kDiffGap2 = 0x330F;
-constexpr uint32_t kDiffReleaseNote = 0x3314;
+constexpr uint32_t kDiffReleaseNote = CM_UmDiffReleaseNote;
 constexpr uint32_t kOeRepositoryPath = 6720;
 constexpr uint32_t kOeRepositoryAccess = 6721;
 constexpr uint32_t kOeAutomaticDownload = 6725;

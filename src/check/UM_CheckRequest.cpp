@@ -15,44 +15,6 @@ namespace {
 constexpr int kLockWaitRounds = 60;
 constexpr uint32_t kLockWaitRoundMs = 1000;
 
-enum : uint32_t {
-  CM_UmDiffNumberEntries = 0x3300,
-  CM_UmDiffComponentPath = 0x3301,
-  CM_UmDiffComponentType = 0x3302,
-  CM_UmDiffComponentSubType = 0x3303,
-  CM_UmDiffRepositoryVersion = 0x3304,
-  CM_UmDiffInstalledVersion = 0x3305,
-  CM_UmDiffObjectName = 0x3306,
-  CM_UmDiffRanking = 0x3308,
-  CM_UmDiffMandatory = 0x3309,
-  CM_UmDiffPrerequire = 0x330A,
-  CM_UmDiffSeverity = 0x330B,
-  CM_UmDiffEngineError = 0x330C,
-  CM_UmDiffEngineErrorText = 0x330D,
-  CM_UmDiffMinStepVersion = 0x330E,
-  CM_UmDiffReboot = 0x3310,
-  CM_UmDiffInstallTime = 0x3311,
-  CM_UmDiffDownloadSize = 0x3312,
-  CM_UmDiffKPKVersion = 0x3313,
-  CM_UmDiffReleaseNote = 0x3314,
-  CM_UmDiffVendor = 0x3315,
-  CM_UmDiffComponentId = 0x3316,
-  CM_UmDiffBinaryLoaded = 0x3317,
-  CM_UmServerSeverity = 0x3330,
-  CM_UmServerCheckDate = 0x3332,
-  CM_UmServerCheckConfig = 0x3333,
-  CM_UmServerConfigResult = 0x3334,
-  CM_UmServerCheckLog = 0x3335,
-  CM_UmServerCheckStatus = 0x3336,
-  CM_UmServerCheckError = 0x3337,
-  CM_UmInstalledNumberEntries = 0x3390,
-  CM_UmInstalledType = 0x3392,
-  CM_UmInstalledSubType = 0x3393,
-  CM_UmInstalledVersion = 0x3394,
-  CM_UmInstalledPciId = 0x3395,
-  CM_UmInstalledKPKVersion = 0x3396,
-};
-
 bool IsDiffRowOpcode(uint32_t oc) {
   return oc >= CM_UmDiffComponentPath && oc <= CM_UmDiffBinaryLoaded && oc != 0x3307 && oc != 0x330F;
 }

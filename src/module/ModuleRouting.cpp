@@ -97,7 +97,7 @@ int CUpdateExtensionModule::ApplicationRequest(RequestMessage* message) {
     } else {
       result = m_check->request(m);
       TRACE(2, u"\nEM_MENDER (REQUEST) :  umCheck returns %d", result);
-      if (oc == CM_UmConfigChanged && m_scheduler) {
+      if (oc == CM_UmServerCheckConfig && m_scheduler) {
         // The settings' check may have come with new schedule values.
         TRACE(2,
               u"\nEM_MENDER (REQUEST) :  call umScheduler.setEvent for informing about  modified configuration "

@@ -40,12 +40,12 @@
 
 namespace {
 
-constexpr uint32_t kSeverityOpcode = 0x3330;
-constexpr uint32_t kCheckDateOpcode = 0x3332;
-constexpr uint32_t kCheckStatusOpcode = 0x3336;
-constexpr uint32_t kCheckErrorOpcode = 0x3337;
-constexpr uint32_t kUpdateCountOpcode = 0x3300;
-constexpr uint32_t kInstalledCountOpcode = 0x3390;
+constexpr uint32_t kSeverityOpcode = CM_UmServerSeverity;
+constexpr uint32_t kCheckDateOpcode = CM_UmServerCheckDate;
+constexpr uint32_t kCheckStatusOpcode = CM_UmServerCheckStatus;
+constexpr uint32_t kCheckErrorOpcode = CM_UmServerCheckError;
+constexpr uint32_t kUpdateCountOpcode = CM_UmDiffNumberEntries;
+constexpr uint32_t kInstalledCountOpcode = CM_UmInstalledNumberEntries;
 constexpr char16_t kCheckLogName[] = u"UM_Checknew.log";
 // The slice of the wait for the end of the check, and so the pace of the progress display.
 constexpr uint32_t kPollMs = 500;
@@ -65,32 +65,35 @@ struct Column {
 };
 
 constexpr Column kUpdateColumns[] = {
-    {0x3301, "path", Kind::Text},
-    {0x3302, "type", Kind::Text},
-    {0x3303, "subType", Kind::Text},
-    {0x3304, "repositoryVersion", Kind::Text},
-    {0x3305, "installedVersion", Kind::Text},
-    {0x3306, "objectName", Kind::Text},
-    {0x3308, "rankingCode", Kind::Number},
-    {0x3309, "mandatory", Kind::Number},
-    {0x330A, "prerequire", Kind::Text},
-    {0x330B, "severityCode", Kind::Number},
-    {0x330C, "engineError", Kind::Signed},
-    {0x330D, "engineErrorText", Kind::Text},
-    {0x330E, "minStepVersion", Kind::Text},
-    {0x3310, "rebootCode", Kind::Number},
-    {0x3311, "installTime", Kind::Number},
-    {0x3312, "downloadSize", Kind::Signed},
-    {0x3313, "kpkPackageVersion", Kind::Text},
-    {0x3314, "releaseNote", Kind::Text},
-    {0x3315, "vendor", Kind::Text},
-    {0x3316, "componentId", Kind::Text},
-    {0x3317, "binaryLoaded", Kind::Number},
+    {CM_UmDiffComponentPath, "path", Kind::Text},
+    {CM_UmDiffComponentType, "type", Kind::Text},
+    {CM_UmDiffComponentSubType, "subType", Kind::Text},
+    {CM_UmDiffRepositoryVersion, "repositoryVersion", Kind::Text},
+    {CM_UmDiffInstalledVersion, "installedVersion", Kind::Text},
+    {CM_UmDiffObjectName, "objectName", Kind::Text},
+    {CM_UmDiffRanking, "rankingCode", Kind::Number},
+    {CM_UmDiffMandatory, "mandatory", Kind::Number},
+    {CM_UmDiffPrerequire, "prerequire", Kind::Text},
+    {CM_UmDiffSeverity, "severityCode", Kind::Number},
+    {CM_UmDiffEngineError, "engineError", Kind::Signed},
+    {CM_UmDiffEngineErrorText, "engineErrorText", Kind::Text},
+    {CM_UmDiffMinStepVersion, "minStepVersion", Kind::Text},
+    {CM_UmDiffReboot, "rebootCode", Kind::Number},
+    {CM_UmDiffInstallTime, "installTime", Kind::Number},
+    {CM_UmDiffDownloadSize, "downloadSize", Kind::Signed},
+    {CM_UmDiffKPKVersion, "kpkPackageVersion", Kind::Text},
+    {CM_UmDiffReleaseNote, "releaseNote", Kind::Text},
+    {CM_UmDiffVendor, "vendor", Kind::Text},
+    {CM_UmDiffComponentId, "componentId", Kind::Text},
+    {CM_UmDiffBinaryLoaded, "binaryLoaded", Kind::Number},
 };
 
 constexpr Column kInstalledColumns[] = {
-    {0x3392, "type", Kind::Text},  {0x3393, "subType", Kind::Text},    {0x3394, "version", Kind::Text},
-    {0x3395, "pciId", Kind::Text}, {0x3396, "kpkVersion", Kind::Text},
+    {CM_UmInstalledType, "type", Kind::Text},
+    {CM_UmInstalledSubType, "subType", Kind::Text},
+    {CM_UmInstalledVersion, "version", Kind::Text},
+    {CM_UmInstalledPciId, "pciId", Kind::Text},
+    {CM_UmInstalledKPKVersion, "kpkVersion", Kind::Text},
 };
 
 int Usage() {
