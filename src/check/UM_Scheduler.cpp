@@ -74,6 +74,10 @@ int UM_Scheduler::start() {
   return 0;
 }
 
+namespace {
+constexpr uint32_t kStopGraceRealMs = 2000;
+}  // namespace
+
 int UM_Scheduler::stop() {
   if (threadActive.load() == 0) {
     TRACE(3, u"\nUM_Scheduler::stop()\t: Polling Thread not active/running - return 1");
@@ -84,7 +88,10 @@ int UM_Scheduler::stop() {
     TRACE(1,
           u"\nUM_Scheduler::stop()\t: >>>ERROR! UpdateCheck polling thread could not be terminated! Give up after "
           u"30 seconds!\n");
-    thread.KillThread(0);
+    // As the task serializer's stop: a thread that was told to end gets up to 2 s of real time
+    // more before the forced end, which can leave a lock of the process held (on Windows the
+    // heap's), since a time scale may have run the 30 s out at once.
+    if (!thread.WaitRealMs(kStopGraceRealMs)) thread.KillThread(0);
   }
   // The wake-up that ended the thread is not left for a thread started later; an event set after
   // this point (a change of the settings before the next start) is kept.
